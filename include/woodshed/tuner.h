@@ -1,0 +1,117 @@
+/*
+ * Woodshed tuner (tn_): pitch analysis of a buffer the host already holds.
+ *
+ * The analysis runs a normalised autocorrelation pitch detector over
+ * overlapping windows of band-limited (58 Hz to 1800 Hz) mono audio, guards
+ * against octave jumps, names the nearest (or a fixed) note and smooths the
+ * deviation in cents. Rates above 55 kHz are decimated first.
+ */
+#ifndef WOODSHED_TUNER_H
+#define WOODSHED_TUNER_H
+
+#include "woodshed/common.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Tuner settings (40 bytes). Out-of-range or non-finite fields are replaced,
+ * never rejected:
+ *   a4_hz            400..480   else 440
+ *   lowest_hz         20..200   else 55
+ *   highest_hz       200..5000  else 1200
+ *   tolerance_cents  0.5..25    else 5
+ *   fixed_note         0..127   else -1 (-1: chromatic, follow the nearest note)
+ *   slow_smoothing   1          any other value becomes 0
+ * Then, if 1.5 x lowest_hz >= highest_hz, both go back to 55 and 1200.
+ * Note that an all-zero record fixes the target on MIDI note 0. */
+typedef struct TunerConfig {
+    double a4_hz;            /* reference frequency of A4 */
+    double lowest_hz;        /* lowest frequency to detect */
+    double highest_hz;       /* highest frequency to detect */
+    double tolerance_cents;  /* |cents| at or below this reads as in tune */
+    int32_t fixed_note;      /* MIDI note to tune against, or -1 for chromatic */
+    int32_t slow_smoothing;  /* 1 halves the smoothing factor (steadier, slower) */
+} TunerConfig;
+
+WS_STATIC_ASSERT(sizeof(TunerConfig) == 40, "TunerConfig is 40 bytes");
+WS_STATIC_ASSERT(offsetof(TunerConfig, a4_hz) == 0, "TunerConfig.a4_hz");
+WS_STATIC_ASSERT(offsetof(TunerConfig, lowest_hz) == 8, "TunerConfig.lowest_hz");
+WS_STATIC_ASSERT(offsetof(TunerConfig, highest_hz) == 16, "TunerConfig.highest_hz");
+WS_STATIC_ASSERT(offsetof(TunerConfig, tolerance_cents) == 24, "TunerConfig.tolerance_cents");
+WS_STATIC_ASSERT(offsetof(TunerConfig, fixed_note) == 32, "TunerConfig.fixed_note");
+WS_STATIC_ASSERT(offsetof(TunerConfig, slow_smoothing) == 36, "TunerConfig.slow_smoothing");
+
+/* TunerReading.state */
+typedef enum tn_reading_state {
+    tn_state_silent = 0,   /* no note since the start, or after 7 frames without pitch */
+    tn_state_holding = 1,  /* previous note kept: short dropout, or a new note's first frame */
+    tn_state_pitched = 2,  /* pitched, |cents| above the tolerance */
+    tn_state_in_tune = 3   /* pitched, |cents| within the tolerance */
+} tn_reading_state;
+
+/* One analysis frame's result (88 bytes). */
+typedef struct TunerReading {
+    uint64_t time_us;      /* end of the analysed window, microseconds since the start of the input */
+    uint64_t frame_count;  /* analysis frames so far, this one included */
+    double frequency_hz;   /* detected fundamental; 0 when none */
+    double target_hz;      /* frequency of the target note at the configured A4 */
+    double cents;          /* smoothed deviation from the target note */
+    double clarity;        /* periodicity of the chosen period, 0.6..1 when pitched */
+    double peak;           /* largest |sample| since the previous frame, at most 1 */
+    double level_db;       /* RMS since the previous frame in dBFS, at least -120 */
+    double strobe_phase;   /* accumulated phase of detected against target, radians */
+    int32_t note;          /* MIDI note of the target; -1 when none */
+    int32_t octave;        /* note / 12 - 1 (A4 = MIDI 69 gives 4); 0 when note is -1 */
+    uint32_t state;        /* tn_reading_state */
+    uint32_t clipped;      /* 1 if any sample since the previous frame reached |0.999| */
+} TunerReading;
+
+WS_STATIC_ASSERT(sizeof(TunerReading) == 88, "TunerReading is 88 bytes");
+WS_STATIC_ASSERT(offsetof(TunerReading, time_us) == 0, "TunerReading.time_us");
+WS_STATIC_ASSERT(offsetof(TunerReading, frame_count) == 8, "TunerReading.frame_count");
+WS_STATIC_ASSERT(offsetof(TunerReading, frequency_hz) == 16, "TunerReading.frequency_hz");
+WS_STATIC_ASSERT(offsetof(TunerReading, target_hz) == 24, "TunerReading.target_hz");
+WS_STATIC_ASSERT(offsetof(TunerReading, cents) == 32, "TunerReading.cents");
+WS_STATIC_ASSERT(offsetof(TunerReading, clarity) == 40, "TunerReading.clarity");
+WS_STATIC_ASSERT(offsetof(TunerReading, peak) == 48, "TunerReading.peak");
+WS_STATIC_ASSERT(offsetof(TunerReading, level_db) == 56, "TunerReading.level_db");
+WS_STATIC_ASSERT(offsetof(TunerReading, strobe_phase) == 64, "TunerReading.strobe_phase");
+WS_STATIC_ASSERT(offsetof(TunerReading, note) == 72, "TunerReading.note");
+WS_STATIC_ASSERT(offsetof(TunerReading, octave) == 76, "TunerReading.octave");
+WS_STATIC_ASSERT(offsetof(TunerReading, state) == 80, "TunerReading.state");
+WS_STATIC_ASSERT(offsetof(TunerReading, clipped) == 84, "TunerReading.clipped");
+
+/* Returns 1, the interface version (WS_ABI_VERSION). No lock; any thread. */
+WS_API int32_t tn_abi_version(void);
+
+/* Returns the fixed capability mask 31. No lock; any thread. */
+WS_API int32_t tn_capabilities(void);
+
+/* Analyses a buffer the host holds and reports the reading the live tuner
+ * would show after hearing it (not an average: the state after the last
+ * complete analysis window, with note tracking and smoothing applied along
+ * the way; time_us counts from the start of the buffer).
+ *
+ *   config       may be NULL for the defaults (440, 55, 1200, 5, -1, 0)
+ *   samples      32-bit floats, interleaved by frame; multichannel input is
+ *                mixed to mono. NaN and infinities count as silence, values
+ *                beyond +-4 are clamped.
+ *   frames       frame count, at least 1
+ *   channels     1..32
+ *   sample_rate  Hz; non-finite or outside 8000..384000 is analysed as 48000
+ *   out          filled only when the call returns 1
+ *
+ * Returns 1 if a reading was produced and copied to *out; 0 if the buffer was
+ * shorter than one analysis window (out untouched); ws_invalid_argument (-3)
+ * for a NULL samples or out pointer, frames < 1 or channels outside 1..32.
+ * Takes no lock, needs no engine, keeps nothing between calls: safe from any
+ * number of threads at once. Allocates its working buffers per call. */
+WS_API int32_t tn_offline_process(const TunerConfig* config, const float* samples, int32_t frames,
+                                  int32_t channels, double sample_rate, TunerReading* out);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,18 @@
+// Version queries. The four families' exports are one function: hosts compare
+// the number, and a single definition means the four can never disagree.
+#include "woodshed/woodshed.h"
+
+extern "C" WS_API int32_t tn_abi_version(void) { return WS_ABI_VERSION; }
+
+#if defined(_MSC_VER) && !defined(__clang__)
+#  pragma comment(linker, "/export:mn_abi_version=tn_abi_version")
+#  pragma comment(linker, "/export:sd_abi_version=tn_abi_version")
+#  pragma comment(linker, "/export:ta_abi_version=tn_abi_version")
+#else
+extern "C" WS_API int32_t mn_abi_version(void) __attribute__((alias("tn_abi_version")));
+extern "C" WS_API int32_t sd_abi_version(void) __attribute__((alias("tn_abi_version")));
+extern "C" WS_API int32_t ta_abi_version(void) __attribute__((alias("tn_abi_version")));
+#endif
+
+// A fixed mask for the host to test; the library attaches no logic to it.
+extern "C" WS_API int32_t tn_capabilities(void) { return 31; }

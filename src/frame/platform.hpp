@@ -1,0 +1,26 @@
+// The few things that differ between Windows and elsewhere, in one place:
+// file access by UTF-8 path (Windows needs UTF-16 for non-ASCII names) and
+// worker threads.
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <thread>
+
+namespace ws::platform {
+
+// fopen/remove/rename taking UTF-8 paths. On Windows the path is converted to
+// UTF-16 (code page 65001) and the wide C runtime calls are used; a path that
+// is not valid UTF-8 fails like a missing file.
+std::FILE* open_file(const char* utf8_path, const char* mode);
+bool remove_file(const char* utf8_path);
+bool rename_file(const char* utf8_from, const char* utf8_to);
+
+// Worker threads: std::thread sits on the C runtime's thread start on every
+// platform (_beginthreadex under mingw's and MSVC's runtimes).
+template <class Fn>
+std::thread start_thread(Fn&& fn) {
+    return std::thread(std::forward<Fn>(fn));
+}
+
+}  // namespace ws::platform

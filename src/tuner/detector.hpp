@@ -1,0 +1,63 @@
+// Pitch of one analysis window by the normalised square-difference function
+// with key-maximum picking, and the guard that replaces octave jumps by the
+// median of recent estimates. Both are plain single-threaded objects; all
+// allocation happens in configure().
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace ws::tuner {
+
+struct PitchEstimate {
+    double frequency = 0.0;  // Hz, 0 for no pitch
+    double clarity = 0.0;    // NSDF value at the chosen lag
+};
+
+class PitchDetector {
+public:
+    static constexpr double kClarityThreshold = 0.6;
+    static constexpr double kSilenceThreshold = 0.0025;
+
+    // rate is the (decimated) rate the windows arrive at; n the window length.
+    void configure(double rate, double lowest_hz, double highest_hz, uint64_t n);
+    PitchEstimate detect(const float* x, size_t n);
+
+    int32_t min_lag() const { return min_lag_; }
+    int32_t max_lag() const { return max_lag_; }
+    uint64_t window() const { return n_; }
+    // NSDF values of the last detect(), index = lag (0 and 1 unused).
+    const std::vector<double>& values() const { return values_; }
+
+private:
+    void compute_nsdf(size_t n);
+
+    double rate_ = 0.0;
+    uint64_t n_ = 0;
+    int32_t min_lag_ = 0;
+    int32_t max_lag_ = 0;
+    std::vector<double> centred_;  // mean-removed window
+    std::vector<double> energy_;   // prefix sums of squares of centred_, n + 1 entries
+    std::vector<double> values_;
+    std::vector<int32_t> maxima_;
+};
+
+// Replaces a single estimate more than 80 cents away from the median of the
+// last five by that median; three misses in a row forget the history.
+class OctaveGuard {
+public:
+    PitchEstimate apply(PitchEstimate in);
+    void clear() { count_ = 0; misses_ = 0; }
+    int32_t count() const { return count_; }
+
+private:
+    double history_[5] = {};
+    int32_t count_ = 0;
+    int32_t misses_ = 0;
+};
+
+// 1200 * log2(f / ref), 0 when either is not positive.
+double cents_between(double f, double ref);
+
+}  // namespace ws::tuner
