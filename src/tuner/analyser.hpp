@@ -47,6 +47,7 @@ public:
     uint64_t hop() const { return timing_.hop; }
     uint64_t total_samples() const { return total_; }
     const PitchDetector& detector() const { return detector_; }
+    const Biquad* filters() const { return filters_; }
 
 private:
     void design_filters(double rate);

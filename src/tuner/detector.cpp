@@ -1,11 +1,23 @@
 #include "tuner/detector.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 
-#if defined(__SSE2__) || defined(_M_X64)
+// SSE2 is part of every x86-64 target. The AVX2+FMA kernel is compiled for
+// its own target and chosen at run time, which needs the GCC/clang function
+// attributes and CPU query; MSVC builds keep to SSE2.
+#if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
 #  include <emmintrin.h>
-#  define WS_HAVE_SSE2 1
+#  define WS_NSDF_SSE2 1
+#else
+#  define WS_NSDF_SSE2 0
+#endif
+#if (defined(__x86_64__) || defined(__i386__)) && defined(__GNUC__) && !defined(_MSC_VER)
+#  include <immintrin.h>
+#  define WS_NSDF_AVX2 1
+#else
+#  define WS_NSDF_AVX2 0
 #endif
 
 namespace ws::tuner {
@@ -33,59 +45,28 @@ void PitchDetector::configure(double rate, double lowest_hz, double highest_hz, 
 
 namespace {
 
-// Cross sums c_k = sum_{i < n - tau - k} x[i] * x[i + tau + k] for k = 0..3.
-// Four lags share each load of x[i]; two independent accumulator sets per lag
-// keep the add latency hidden. Only the summation order differs from the
-// plain loop.
-void cross4(const double* x, size_t n, size_t tau, double out[4]) {
-    const size_t common = n - tau - 3;  // every one of the four lags is valid below this
+// The cross sums c(tau) = sum_{i < n - tau} x[i] * x[i + tau] are computed
+// for a block of L consecutive lags at a time. Lag tau + k at position i
+// reads x[i + tau + k], so a vector of W products for lag k + W at step i
+// uses the same y-vector as lag k at step i + W: each step loads one x-vector
+// and W new y-vectors, and the other L - W y-vectors are carried over in
+// registers. Every kernel differs from the plain loop only in the order of
+// the additions (and, with FMA, in the rounding of the products).
+
+// Adds, for each lag of the block, the terms from `from` up to that lag's own
+// end, which the vector loop (running only while all L lags are valid) left out.
+template <size_t L>
+inline void finish_block(const double* x, size_t n, size_t tau, size_t from, double* acc) {
     const double* y = x + tau;
-    size_t i = 0;
-#if WS_HAVE_SSE2
-    __m128d a0 = _mm_setzero_pd(), a1 = a0, a2 = a0, a3 = a0;
-    __m128d b0 = a0, b1 = a0, b2 = a0, b3 = a0;
-    for (; i + 4 <= common; i += 4) {
-        const __m128d x0 = _mm_loadu_pd(x + i);
-        const __m128d x1 = _mm_loadu_pd(x + i + 2);
-        const __m128d y0 = _mm_loadu_pd(y + i);
-        const __m128d y1 = _mm_loadu_pd(y + i + 1);
-        const __m128d y2 = _mm_loadu_pd(y + i + 2);
-        const __m128d y3 = _mm_loadu_pd(y + i + 3);
-        const __m128d y4 = _mm_loadu_pd(y + i + 4);
-        const __m128d y5 = _mm_loadu_pd(y + i + 5);
-        a0 = _mm_add_pd(a0, _mm_mul_pd(x0, y0));
-        b0 = _mm_add_pd(b0, _mm_mul_pd(x1, y2));
-        a1 = _mm_add_pd(a1, _mm_mul_pd(x0, y1));
-        b1 = _mm_add_pd(b1, _mm_mul_pd(x1, y3));
-        a2 = _mm_add_pd(a2, _mm_mul_pd(x0, y2));
-        b2 = _mm_add_pd(b2, _mm_mul_pd(x1, y4));
-        a3 = _mm_add_pd(a3, _mm_mul_pd(x0, y3));
-        b3 = _mm_add_pd(b3, _mm_mul_pd(x1, y5));
+    for (size_t k = 0; k < L; ++k) {
+        const size_t end = n - tau - k;
+        double s = acc[k];
+        for (size_t i = from; i < end; ++i) s += x[i] * y[i + k];
+        acc[k] = s;
     }
-    const __m128d s0 = _mm_add_pd(a0, b0), s1 = _mm_add_pd(a1, b1);
-    const __m128d s2 = _mm_add_pd(a2, b2), s3 = _mm_add_pd(a3, b3);
-    double acc[4] = {_mm_cvtsd_f64(s0) + _mm_cvtsd_f64(_mm_unpackhi_pd(s0, s0)),
-                     _mm_cvtsd_f64(s1) + _mm_cvtsd_f64(_mm_unpackhi_pd(s1, s1)),
-                     _mm_cvtsd_f64(s2) + _mm_cvtsd_f64(_mm_unpackhi_pd(s2, s2)),
-                     _mm_cvtsd_f64(s3) + _mm_cvtsd_f64(_mm_unpackhi_pd(s3, s3))};
-#else
-    double acc[4] = {0.0, 0.0, 0.0, 0.0};
-#endif
-    for (; i < common; ++i) {
-        const double xi = x[i];
-        acc[0] += xi * y[i];
-        acc[1] += xi * y[i + 1];
-        acc[2] += xi * y[i + 2];
-        acc[3] += xi * y[i + 3];
-    }
-    // Shorter lags run a few terms longer than the common part.
-    for (size_t k = 0; k < 3; ++k) {
-        for (size_t j = common; j < n - tau - k; ++j) acc[k] += x[j] * y[j + k];
-    }
-    for (size_t k = 0; k < 4; ++k) out[k] = acc[k];
 }
 
-double cross1(const double* x, size_t n, size_t tau) {
+double cross_one(const double* x, size_t n, size_t tau) {
     double a = 0.0, b = 0.0;
     const size_t len = n - tau;
     size_t i = 0;
@@ -97,24 +78,199 @@ double cross1(const double* x, size_t n, size_t tau) {
     return a + b;
 }
 
-}  // namespace
+// Eight lags, one scalar step at a time: two loads per eight multiply-adds
+// and eight independent sums, which suits targets without the vector paths.
+constexpr size_t kScalarLags = 8;
+void cross_block_scalar(const double* x, size_t n, size_t tau, double* out) {
+    const double* y = x + tau;
+    const size_t common = n - tau - (kScalarLags - 1);
+    double s0 = 0, s1 = 0, s2 = 0, s3 = 0, s4 = 0, s5 = 0, s6 = 0, s7 = 0;
+    size_t i = 0;
+    if (common > 0) {
+        double y0 = y[0], y1 = y[1], y2 = y[2], y3 = y[3], y4 = y[4], y5 = y[5], y6 = y[6];
+        for (; i < common; ++i) {
+            const double xi = x[i];
+            const double y7 = y[i + 7];
+            s0 += xi * y0;
+            s1 += xi * y1;
+            s2 += xi * y2;
+            s3 += xi * y3;
+            s4 += xi * y4;
+            s5 += xi * y5;
+            s6 += xi * y6;
+            s7 += xi * y7;
+            y0 = y1; y1 = y2; y2 = y3; y3 = y4; y4 = y5; y5 = y6; y6 = y7;
+        }
+    }
+    out[0] = s0; out[1] = s1; out[2] = s2; out[3] = s3;
+    out[4] = s4; out[5] = s5; out[6] = s6; out[7] = s7;
+    finish_block<kScalarLags>(x, n, tau, i, out);
+}
 
-void PitchDetector::compute_nsdf(size_t n) {
-    const double* x = centred_.data();
-    const double* p = energy_.data();
-    const size_t top = static_cast<size_t>(max_lag_);
-    double c[4];
+#if WS_NSDF_SSE2
+// Six lags in two-wide vectors: three loads and six multiply-add pairs per
+// step, six independent sums to cover the add latency, and few enough live
+// registers that nothing spills with SSE2's sixteen.
+constexpr size_t kSse2Lags = 6;
+void cross_block_sse2(const double* x, size_t n, size_t tau, double* out) {
+    const double* y = x + tau;
+    const size_t common = n - tau - (kSse2Lags - 1);
+    __m128d s0 = _mm_setzero_pd(), s1 = s0, s2 = s0, s3 = s0, s4 = s0, s5 = s0;
+    size_t i = 0;
+    if (common >= 2) {
+        __m128d c0 = _mm_loadu_pd(y), c1 = _mm_loadu_pd(y + 1);
+        __m128d c2 = _mm_loadu_pd(y + 2), c3 = _mm_loadu_pd(y + 3);
+        for (; i + 2 <= common; i += 2) {
+            const __m128d xv = _mm_loadu_pd(x + i);
+            const __m128d c4 = _mm_loadu_pd(y + i + 4);
+            const __m128d c5 = _mm_loadu_pd(y + i + 5);
+            s0 = _mm_add_pd(s0, _mm_mul_pd(xv, c0));
+            s1 = _mm_add_pd(s1, _mm_mul_pd(xv, c1));
+            s2 = _mm_add_pd(s2, _mm_mul_pd(xv, c2));
+            s3 = _mm_add_pd(s3, _mm_mul_pd(xv, c3));
+            s4 = _mm_add_pd(s4, _mm_mul_pd(xv, c4));
+            s5 = _mm_add_pd(s5, _mm_mul_pd(xv, c5));
+            c0 = c2; c1 = c3; c2 = c4; c3 = c5;
+        }
+    }
+    const __m128d sums[kSse2Lags] = {s0, s1, s2, s3, s4, s5};
+    for (size_t k = 0; k < kSse2Lags; ++k) {
+        out[k] = _mm_cvtsd_f64(sums[k]) + _mm_cvtsd_f64(_mm_unpackhi_pd(sums[k], sums[k]));
+    }
+    finish_block<kSse2Lags>(x, n, tau, i, out);
+}
+#endif
+
+#if WS_NSDF_AVX2
+// Eight lags in four-wide vectors with FMA: five loads per eight FMAs keeps
+// both FMA pipes busy, and eight independent sums cover the FMA latency.
+// Eight sums, four carried y-vectors, the x-vector and one fresh load fit the
+// sixteen registers without spilling.
+constexpr size_t kAvx2Lags = 8;
+__attribute__((target("avx2,fma"))) void cross_block_avx2(const double* x, size_t n, size_t tau,
+                                                          double* out) {
+    const double* y = x + tau;
+    const size_t common = n - tau - (kAvx2Lags - 1);
+    __m256d s0 = _mm256_setzero_pd(), s1 = s0, s2 = s0, s3 = s0, s4 = s0, s5 = s0, s6 = s0,
+            s7 = s0;
+    size_t i = 0;
+    if (common >= 4) {
+        __m256d c0 = _mm256_loadu_pd(y), c1 = _mm256_loadu_pd(y + 1);
+        __m256d c2 = _mm256_loadu_pd(y + 2), c3 = _mm256_loadu_pd(y + 3);
+        for (; i + 4 <= common; i += 4) {
+            const __m256d xv = _mm256_loadu_pd(x + i);
+            s0 = _mm256_fmadd_pd(xv, c0, s0);
+            s1 = _mm256_fmadd_pd(xv, c1, s1);
+            s2 = _mm256_fmadd_pd(xv, c2, s2);
+            s3 = _mm256_fmadd_pd(xv, c3, s3);
+            c0 = _mm256_loadu_pd(y + i + 4);
+            s4 = _mm256_fmadd_pd(xv, c0, s4);
+            c1 = _mm256_loadu_pd(y + i + 5);
+            s5 = _mm256_fmadd_pd(xv, c1, s5);
+            c2 = _mm256_loadu_pd(y + i + 6);
+            s6 = _mm256_fmadd_pd(xv, c2, s6);
+            c3 = _mm256_loadu_pd(y + i + 7);
+            s7 = _mm256_fmadd_pd(xv, c3, s7);
+        }
+    }
+    // Horizontal sums, two lags per hadd.
+    const __m256d h01 = _mm256_hadd_pd(s0, s1), h23 = _mm256_hadd_pd(s2, s3);
+    const __m256d h45 = _mm256_hadd_pd(s4, s5), h67 = _mm256_hadd_pd(s6, s7);
+    _mm256_storeu_pd(out, _mm256_add_pd(_mm256_permute2f128_pd(h01, h23, 0x20),
+                                        _mm256_permute2f128_pd(h01, h23, 0x31)));
+    _mm256_storeu_pd(out + 4, _mm256_add_pd(_mm256_permute2f128_pd(h45, h67, 0x20),
+                                            _mm256_permute2f128_pd(h45, h67, 0x31)));
+    finish_block<kAvx2Lags>(x, n, tau, i, out);
+}
+#endif
+
+using CrossBlock = void (*)(const double*, size_t, size_t, double*);
+
+void nsdf_blocked(CrossBlock block, size_t lags, const double* x, const double* p, size_t n,
+                  size_t top, double* values) {
     auto store = [&](size_t tau, double cross) {
         // m = sum over the overlap of x[i]^2 + x[i+tau]^2, from prefix sums.
         const double m = p[n - tau] + (p[n] - p[tau]);
-        values_[tau] = m > 0.0 ? 2.0 * cross / m : 0.0;
+        values[tau] = m > 0.0 ? 2.0 * cross / m : 0.0;
     };
+    double c[8];
     size_t tau = 2;
-    for (; tau + 3 <= top && n - tau >= 3 + 4; tau += 4) {
-        cross4(x, n, tau, c);
-        for (size_t k = 0; k < 4; ++k) store(tau + k, c[k]);
+    // Blocks only while the overlap is long enough for their vector loops to matter.
+    for (; tau + lags - 1 <= top && n - tau >= lags + 16; tau += lags) {
+        block(x, n, tau, c);
+        for (size_t k = 0; k < lags; ++k) store(tau + k, c[k]);
     }
-    for (; tau <= top; ++tau) store(tau, cross1(x, n, tau));
+    for (; tau <= top; ++tau) store(tau, cross_one(x, n, tau));
+}
+
+NsdfKernel detect_best_kernel() {
+#if WS_NSDF_AVX2
+    __builtin_cpu_init();
+    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return NsdfKernel::avx2;
+#endif
+#if WS_NSDF_SSE2
+    return NsdfKernel::sse2;
+#else
+    return NsdfKernel::scalar;
+#endif
+}
+
+NsdfKernel best_kernel() {
+    static const NsdfKernel best = detect_best_kernel();
+    return best;
+}
+
+std::atomic<int32_t>& active_kernel() {
+    static std::atomic<int32_t> active{static_cast<int32_t>(best_kernel())};
+    return active;
+}
+
+}  // namespace
+
+bool nsdf_kernel_supported(NsdfKernel kernel) {
+    switch (kernel) {
+    case NsdfKernel::scalar:
+        return true;
+    case NsdfKernel::sse2:
+        return WS_NSDF_SSE2 != 0;
+    case NsdfKernel::avx2:
+        return best_kernel() == NsdfKernel::avx2;
+    }
+    return false;
+}
+
+NsdfKernel nsdf_kernel() {
+    return static_cast<NsdfKernel>(active_kernel().load(std::memory_order_relaxed));
+}
+
+bool pin_nsdf_kernel(NsdfKernel kernel) {
+    if (!nsdf_kernel_supported(kernel)) return false;
+    active_kernel().store(static_cast<int32_t>(kernel), std::memory_order_relaxed);
+    return true;
+}
+
+void nsdf_values(NsdfKernel kernel, const double* x, const double* prefix, size_t n, size_t top,
+                 double* values) {
+    switch (kernel) {
+#if WS_NSDF_AVX2
+    case NsdfKernel::avx2:
+        nsdf_blocked(cross_block_avx2, kAvx2Lags, x, prefix, n, top, values);
+        return;
+#endif
+#if WS_NSDF_SSE2
+    case NsdfKernel::sse2:
+        nsdf_blocked(cross_block_sse2, kSse2Lags, x, prefix, n, top, values);
+        return;
+#endif
+    default:
+        nsdf_blocked(cross_block_scalar, kScalarLags, x, prefix, n, top, values);
+        return;
+    }
+}
+
+void PitchDetector::compute_nsdf(size_t n) {
+    nsdf_values(nsdf_kernel(), centred_.data(), energy_.data(), n, static_cast<size_t>(max_lag_),
+                values_.data());
 }
 
 PitchEstimate PitchDetector::detect(const float* x, size_t n) {

@@ -57,6 +57,23 @@ private:
     int32_t misses_ = 0;
 };
 
+// Ways of computing the function's cross sums. All give the same values up to
+// summation order and rounding; which ones exist depends on the build target
+// and the CPU.
+enum class NsdfKernel : int32_t { scalar = 0, sse2 = 1, avx2 = 2 };
+
+bool nsdf_kernel_supported(NsdfKernel kernel);
+// The kernel detect() uses: the fastest supported one unless pinned.
+NsdfKernel nsdf_kernel();
+// Makes detect() use `kernel` process-wide (benchmarks and tests compare
+// them); false, and no change, if this build or CPU lacks it.
+bool pin_nsdf_kernel(NsdfKernel kernel);
+// values[tau] = 2 sum x[i]x[i+tau] / sum (x[i]^2 + x[i+tau]^2), i < n - tau,
+// for tau = 2..top (top < n), with `prefix` the n + 1 prefix sums of x^2.
+// `kernel` must be supported.
+void nsdf_values(NsdfKernel kernel, const double* x, const double* prefix, size_t n, size_t top,
+                 double* values);
+
 // 1200 * log2(f / ref), 0 when either is not positive.
 double cents_between(double f, double ref);
 

@@ -1,0 +1,98 @@
+// Cost of one detector window and of a minute of offline analysis, per NSDF
+// kernel (0 scalar, 1 SSE2, 2 AVX2+FMA; kernels this CPU lacks are skipped).
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstddef>
+#include <vector>
+
+#include "tuner/detector.hpp"
+#include "woodshed/tuner.h"
+
+namespace {
+
+using ws::tuner::NsdfKernel;
+
+constexpr double kRate = 48000.0;
+constexpr double kTwoPi = 6.283185307179586;
+
+// A plucked-string-like tone: fundamental plus falling harmonics, well above
+// the silence threshold so every window runs the full search.
+std::vector<float> harmonic_tone(size_t count, double f0) {
+    std::vector<float> out(count);
+    for (size_t i = 0; i < count; ++i) {
+        const double t = static_cast<double>(i) / kRate;
+        double v = 0.0;
+        for (int h = 1; h <= 6; ++h) v += std::sin(kTwoPi * f0 * h * t) / h;
+        out[i] = static_cast<float>(0.25 * v);
+    }
+    return out;
+}
+
+// Pins the kernel named by the benchmark's argument for the run, then hands
+// detection back to the automatic choice.
+class PinnedKernel {
+public:
+    explicit PinnedKernel(benchmark::State& state)
+        : previous_(ws::tuner::nsdf_kernel()),
+          ok_(ws::tuner::pin_nsdf_kernel(static_cast<NsdfKernel>(state.range(0)))) {
+        if (!ok_) state.SkipWithError("kernel not supported here");
+    }
+    ~PinnedKernel() { ws::tuner::pin_nsdf_kernel(previous_); }
+    PinnedKernel(const PinnedKernel&) = delete;
+    PinnedKernel& operator=(const PinnedKernel&) = delete;
+    bool ok() const { return ok_; }
+
+private:
+    NsdfKernel previous_;
+    bool ok_;
+};
+
+void detect_window(benchmark::State& state, double lowest_hz, uint64_t n) {
+    PinnedKernel pin(state);
+    if (!pin.ok()) return;
+    ws::tuner::PitchDetector detector;
+    detector.configure(kRate, lowest_hz, 1200.0, n);
+    const std::vector<float> window = harmonic_tone(static_cast<size_t>(n), 110.0);
+    for (auto _ : state) {
+        ws::tuner::PitchEstimate est = detector.detect(window.data(), window.size());
+        benchmark::DoNotOptimize(est);
+    }
+    state.counters["max_lag"] = detector.max_lag();
+}
+
+void BM_Detect2048(benchmark::State& state) { detect_window(state, 55.0, 2048); }
+void BM_Detect8192Low20(benchmark::State& state) { detect_window(state, 20.0, 8192); }
+
+void BM_OfflineMinute(benchmark::State& state) {
+    constexpr double kSeconds = 60.0;
+    PinnedKernel pin(state);
+    if (!pin.ok()) return;
+    static const std::vector<float> tone =
+        harmonic_tone(static_cast<size_t>(kSeconds * kRate), 110.0);
+    TunerReading reading{};
+    const auto start = std::chrono::steady_clock::now();
+    for (auto _ : state) {
+        const int32_t rc = tn_offline_process(nullptr, tone.data(), static_cast<int32_t>(tone.size()),
+                                              1, kRate, &reading);
+        if (rc != 1) state.SkipWithError("no reading");
+        benchmark::DoNotOptimize(reading);
+    }
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+    // Seconds of audio analysed per second of wall time.
+    state.counters["x_realtime"] =
+        kSeconds * static_cast<double>(state.iterations()) / elapsed.count();
+}
+
+}  // namespace
+
+BENCHMARK(BM_Detect2048)->ArgName("kernel")->DenseRange(0, 2)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Detect8192Low20)->ArgName("kernel")->DenseRange(0, 2)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_OfflineMinute)
+    ->ArgName("kernel")
+    ->DenseRange(0, 2)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+BENCHMARK_MAIN();

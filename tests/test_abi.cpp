@@ -1,0 +1,49 @@
+// The library as a host sees it: exports, version and capability answers,
+// and record layouts as C compiles them.
+#include <gtest/gtest.h>
+
+#include "woodshed/woodshed.h"
+
+#if defined(_WIN32)
+#  include <windows.h>
+#else
+#  include <dlfcn.h>
+#endif
+
+extern "C" size_t woodshed_c_record_size(int which);
+
+namespace {
+
+void* library_symbol(const char* name) {
+#if defined(_WIN32)
+    HMODULE lib = GetModuleHandleA(WOODSHED_LIBRARY_FILE);
+    return lib ? reinterpret_cast<void*>(GetProcAddress(lib, name)) : nullptr;
+#else
+    return dlsym(RTLD_DEFAULT, name);
+#endif
+}
+
+TEST(Abi, VersionQueriesAreOneFunctionReturningOne) {
+    EXPECT_EQ(tn_abi_version(), 1);
+    EXPECT_EQ(mn_abi_version(), 1);
+    EXPECT_EQ(sd_abi_version(), 1);
+    EXPECT_EQ(ta_abi_version(), 1);
+    void* tn = library_symbol("tn_abi_version");
+    ASSERT_NE(tn, nullptr);
+    for (const char* other : {"mn_abi_version", "sd_abi_version", "ta_abi_version"}) {
+        EXPECT_EQ(library_symbol(other), tn) << other;
+    }
+}
+
+TEST(Abi, CapabilitiesAreTheFixedMask) { EXPECT_EQ(tn_capabilities(), 31); }
+
+TEST(Abi, RecordSizesAgreeBetweenCAndCpp) {
+    EXPECT_EQ(woodshed_c_record_size(0), sizeof(TunerConfig));
+    EXPECT_EQ(woodshed_c_record_size(1), sizeof(TunerReading));
+    EXPECT_EQ(woodshed_c_record_size(2), sizeof(DeviceRecord));
+    EXPECT_EQ(sizeof(TunerConfig), 40u);
+    EXPECT_EQ(sizeof(TunerReading), 88u);
+    EXPECT_EQ(sizeof(DeviceRecord), 528u);
+}
+
+}  // namespace

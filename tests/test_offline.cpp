@@ -1,0 +1,160 @@
+// tn_offline_process through the shared library: argument checks, window
+// boundaries, channel mixing and known tones.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <thread>
+#include <vector>
+
+#include "test_support.hpp"
+#include "woodshed/tuner.h"
+
+namespace {
+
+namespace t = ws::test;
+
+TunerReading sentinel() {
+    TunerReading r;
+    std::memset(&r, 0xA5, sizeof r);
+    return r;
+}
+
+bool untouched(const TunerReading& r) {
+    const TunerReading s = sentinel();
+    return std::memcmp(&r, &s, sizeof r) == 0;
+}
+
+TEST(OfflineProcess, InvalidArgumentsAreRejectedBeforeAnythingIsTouched) {
+    const auto x = t::sine(440, 48000, 4096);
+    struct Row { const float* samples; int32_t frames, channels; bool out; };
+    const Row rows[] = {
+        {nullptr, 4096, 1, true}, {x.data(), 4096, 1, false}, {x.data(), 0, 1, true},
+        {x.data(), -5, 1, true},  {x.data(), 4096, 0, true},  {x.data(), 4096, -1, true},
+        {x.data(), 128, 33, true},
+    };
+    for (const auto& r : rows) {
+        TunerReading out = sentinel();
+        EXPECT_EQ(tn_offline_process(nullptr, r.samples, r.frames, r.channels, 48000, r.out ? &out : nullptr),
+                  ws_invalid_argument);
+        EXPECT_TRUE(untouched(out));
+    }
+    std::vector<float> wide(32 * 2048, 0.0f);
+    TunerReading out{};
+    EXPECT_EQ(tn_offline_process(nullptr, wide.data(), 2048, 32, 48000, &out), 1);
+}
+
+TEST(OfflineProcess, OneWindowIsNeededForAReading) {
+    struct Row { double rate; int32_t too_short; };
+    // 2048-sample window at 48 kHz; at 96 kHz the same window after halving.
+    const Row rows[] = {{48000, 2047}, {96000, 4095}, {44100, 2047}, {8000, 1023}, {192000, 8191}};
+    for (const auto& r : rows) {
+        const auto x = t::sine(440, r.rate, static_cast<size_t>(r.too_short) + 1);
+        TunerReading out = sentinel();
+        EXPECT_EQ(tn_offline_process(nullptr, x.data(), r.too_short, 1, r.rate, &out), 0) << r.rate;
+        EXPECT_TRUE(untouched(out));
+        EXPECT_EQ(tn_offline_process(nullptr, x.data(), r.too_short + 1, 1, r.rate, &out), 1) << r.rate;
+        EXPECT_EQ(out.frame_count, 1u);
+    }
+}
+
+TEST(OfflineProcess, InvertedStereoMixesToSilence) {
+    const auto left = t::sine(330, 48000, 9600);
+    std::vector<float> stereo(left.size() * 2);
+    for (size_t i = 0; i < left.size(); ++i) {
+        stereo[2 * i] = left[i];
+        stereo[2 * i + 1] = -left[i];
+    }
+    TunerReading out{};
+    ASSERT_EQ(tn_offline_process(nullptr, stereo.data(), 9600, 2, 48000, &out), 1);
+    EXPECT_EQ(out.state, tn_state_silent);
+    EXPECT_EQ(out.note, -1);
+    EXPECT_EQ(out.level_db, -120.0);
+}
+
+TEST(OfflineProcess, ChannelsAreAveraged) {
+    // A tone on one of four channels, the rest silent: the mean is a quarter.
+    const auto tone = t::string_tone(t::midi_hz(52), 44100, 44100);
+    std::vector<float> four(tone.size() * 4, 0.0f);
+    for (size_t i = 0; i < tone.size(); ++i) four[4 * i + 2] = tone[i];
+    TunerReading multi{}, mono{};
+    ASSERT_EQ(tn_offline_process(nullptr, four.data(), 44100, 4, 44100, &multi), 1);
+    std::vector<float> quarter(tone.size());
+    for (size_t i = 0; i < tone.size(); ++i) quarter[i] = tone[i] * 0.25f;
+    ASSERT_EQ(tn_offline_process(nullptr, quarter.data(), 44100, 1, 44100, &mono), 1);
+    EXPECT_EQ(multi.note, 52);
+    EXPECT_EQ(std::memcmp(&multi, &mono, sizeof mono), 0);
+}
+
+TEST(OfflineProcess, BadRatesAreAnalysedAs48k) {
+    const auto x = t::string_tone(196.0, 48000, 24000);
+    TunerReading at48{};
+    ASSERT_EQ(tn_offline_process(nullptr, x.data(), 24000, 1, 48000, &at48), 1);
+    for (double bad : {0.0, -48000.0, std::nan(""), std::numeric_limits<double>::infinity(), 7999.0,
+                       384001.0}) {
+        TunerReading out{};
+        ASSERT_EQ(tn_offline_process(nullptr, x.data(), 24000, 1, bad, &out), 1) << bad;
+        EXPECT_EQ(std::memcmp(&out, &at48, sizeof out), 0) << bad;
+    }
+}
+
+TEST(OfflineProcess, NullConfigMeansTheDefaults) {
+    const auto x = t::string_tone(t::midi_hz(62) * 1.01, 48000, 30000);
+    const TunerConfig defaults{440, 55, 1200, 5, -1, 0};
+    TunerReading a{}, b{};
+    ASSERT_EQ(tn_offline_process(nullptr, x.data(), 30000, 1, 48000, &a), 1);
+    ASSERT_EQ(tn_offline_process(&defaults, x.data(), 30000, 1, 48000, &b), 1);
+    EXPECT_EQ(std::memcmp(&a, &b, sizeof a), 0);
+    EXPECT_EQ(a.note, 62);
+    EXPECT_NEAR(a.cents, 1200 * std::log2(1.01), 0.5);
+}
+
+TEST(OfflineProcess, SettingsShapeTheReading) {
+    const double f = 440.0 * std::pow(2.0, 8.0 / 1200.0);  // A4 + 8 cents
+    const auto x = t::string_tone(f, 48000, 48000);
+    TunerReading r{};
+    TunerConfig c{440, 55, 1200, 5, -1, 0};
+    ASSERT_EQ(tn_offline_process(&c, x.data(), 48000, 1, 48000, &r), 1);
+    EXPECT_EQ(r.state, tn_state_pitched);
+    c.tolerance_cents = 10;
+    ASSERT_EQ(tn_offline_process(&c, x.data(), 48000, 1, 48000, &r), 1);
+    EXPECT_EQ(r.state, tn_state_in_tune);
+    c.a4_hz = 442;  // reference moves up by 7.85 cents
+    ASSERT_EQ(tn_offline_process(&c, x.data(), 48000, 1, 48000, &r), 1);
+    EXPECT_NEAR(r.cents, 8.0 - 1200 * std::log2(442.0 / 440.0), 0.3);
+    EXPECT_NEAR(r.target_hz, 442.0, 1e-9);
+    c = {440, 55, 1200, 5, 64, 0};  // fixed E4: A4 reads 500 cents sharp of it
+    ASSERT_EQ(tn_offline_process(&c, x.data(), 48000, 1, 48000, &r), 1);
+    EXPECT_EQ(r.note, 64);
+    EXPECT_NEAR(r.cents, 508.0, 0.3);
+}
+
+TEST(OfflineProcess, TheFinalReadingFollowsTheLastNote) {
+    const double rate = 48000;
+    const auto x = t::concat({t::string_tone(t::midi_hz(45), rate, 24000),
+                              t::string_tone(t::midi_hz(50), rate, 24000)});
+    TunerReading r{};
+    ASSERT_EQ(tn_offline_process(nullptr, x.data(), int32_t(x.size()), 1, rate, &r), 1);
+    EXPECT_EQ(r.note, 50);
+    EXPECT_EQ(r.octave, 3);
+    // The time stamp is the end of the last complete window.
+    const uint64_t frames = (x.size() - 2048) / 1024 + 1;
+    EXPECT_EQ(r.frame_count, frames);
+    EXPECT_EQ(r.time_us, uint64_t(double((frames - 1) * 1024 + 2048) * 1e6 / rate));
+}
+
+TEST(OfflineProcess, ConcurrentCallsAgree) {
+    const auto x = t::string_tone(t::midi_hz(47), 96000, 96000);
+    TunerReading expected{};
+    ASSERT_EQ(tn_offline_process(nullptr, x.data(), int32_t(x.size()), 1, 96000, &expected), 1);
+    std::vector<TunerReading> got(4);
+    std::vector<std::thread> threads;
+    for (auto& g : got) {
+        threads.emplace_back([&] { tn_offline_process(nullptr, x.data(), int32_t(x.size()), 1, 96000, &g); });
+    }
+    for (auto& th : threads) th.join();
+    for (const auto& g : got) EXPECT_EQ(std::memcmp(&g, &expected, sizeof g), 0);
+}
+
+}  // namespace

@@ -1,0 +1,213 @@
+// Note tracking on sequences of per-frame estimates whose notes and cents
+// follow from equal temperament.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
+
+#include "test_support.hpp"
+#include "tuner/config.hpp"
+#include "tuner/note_tracker.hpp"
+
+namespace {
+
+using ws::tuner::FrameInput;
+using ws::tuner::FrameTiming;
+using ws::tuner::NoteTracker;
+using ws::test::midi_hz;
+
+constexpr FrameTiming kTiming{1024, 2048, 1, 48000.0, 48000.0};
+constexpr double kDt = 1024.0 / 48000.0;
+
+struct Harness {
+    NoteTracker tracker;
+    TunerReading reading = ws::tuner::cleared_reading();
+    TunerConfig config = ws::tuner::kDefaultConfig;
+    const TunerReading& frame(double f, double clarity = 0.9) {
+        tracker.update(reading, FrameInput{f, f > 0 ? clarity : 0.0, 0.5, 0.25, false}, kTiming,
+                       config);
+        return reading;
+    }
+};
+
+double cents(double f, double ref) { return 1200.0 * std::log2(f / ref); }
+
+TEST(NoteTracker, NamesNotesAndCentsAtA440) {
+    struct Row { double f; int note, octave; double cents; uint32_t state; };
+    const Row rows[] = {
+        {440.0, 69, 4, 0.0, tn_state_in_tune},
+        {452.0, 69, 4, cents(452, 440), tn_state_pitched},             // about +46.6
+        {453.0, 70, 4, cents(453, midi_hz(70)), tn_state_pitched},     // about -49.6
+        {82.4069, 40, 2, cents(82.4069, midi_hz(40)), tn_state_in_tune},  // E2
+        {138.59, 49, 3, cents(138.59, midi_hz(49)), tn_state_in_tune},    // C#3
+        {442.0, 69, 4, cents(442, 440), tn_state_in_tune},  // +7.85 cents, within an 8-cent tolerance
+    };
+    for (const auto& r : rows) {
+        Harness h;
+        if (r.f == 442.0) h.config.tolerance_cents = 8.0;
+        const TunerReading& out = h.frame(r.f);
+        SCOPED_TRACE(r.f);
+        EXPECT_EQ(out.note, r.note);
+        EXPECT_EQ(out.octave, r.octave);
+        EXPECT_NEAR(out.cents, r.cents, 1e-9);
+        EXPECT_NEAR(out.target_hz, midi_hz(r.note), 1e-9);
+        EXPECT_EQ(out.state, r.state);
+        EXPECT_EQ(out.frequency_hz, r.f);
+    }
+    EXPECT_NEAR(cents(452, 440), 46.6, 0.05);
+    EXPECT_NEAR(cents(453, midi_hz(70)), -49.6, 0.05);
+}
+
+TEST(NoteTracker, ANewNoteIsTakenOnItsSecondFrameWithUnsmoothedCents) {
+    Harness h;
+    for (int i = 0; i < 3; ++i) h.frame(440.0);
+    const double b4 = midi_hz(71) * std::pow(2.0, 10.0 / 1200.0);  // B4 + 10 cents
+    const TunerReading first = h.frame(b4);
+    EXPECT_EQ(first.state, tn_state_holding);
+    EXPECT_EQ(first.note, 69);
+    EXPECT_EQ(first.frequency_hz, 440.0);  // the held reading's values
+    const TunerReading second = h.frame(b4);
+    EXPECT_EQ(second.note, 71);
+    EXPECT_NEAR(second.cents, 10.0, 1e-9);
+    EXPECT_EQ(second.state, tn_state_pitched);
+    EXPECT_EQ(second.strobe_phase, (b4 - midi_hz(71)) * 2 * ws::test::kPi * kDt);
+}
+
+TEST(NoteTracker, SingleFrameFlickerIsIgnored) {
+    Harness h;
+    h.frame(440.0);
+    EXPECT_EQ(h.frame(midi_hz(71)).state, tn_state_holding);
+    const TunerReading back = h.frame(440.0);
+    EXPECT_EQ(back.note, 69);
+    EXPECT_EQ(back.state, tn_state_in_tune);
+    // Alternating candidates never reach two in a row.
+    EXPECT_EQ(h.frame(midi_hz(72)).note, 69);
+    EXPECT_EQ(h.frame(midi_hz(74)).note, 69);
+    EXPECT_EQ(h.frame(midi_hz(72)).note, 69);
+}
+
+TEST(NoteTracker, HoldsSixMissingFramesAndClearsOnTheSeventh) {
+    Harness h;
+    h.frame(440.0);
+    h.frame(441.0);
+    const TunerReading before = h.reading;
+    for (int i = 1; i <= 6; ++i) {
+        const TunerReading r = h.frame(0.0);
+        EXPECT_EQ(r.state, tn_state_holding) << i;
+        EXPECT_EQ(r.note, 69);
+        EXPECT_EQ(r.frequency_hz, before.frequency_hz);
+        EXPECT_EQ(r.cents, before.cents);
+    }
+    const TunerReading gone = h.frame(0.0);
+    EXPECT_EQ(gone.state, tn_state_silent);
+    EXPECT_EQ(gone.note, -1);
+    EXPECT_EQ(gone.octave, 0);
+    EXPECT_EQ(gone.frequency_hz, 0.0);
+    EXPECT_EQ(gone.target_hz, 0.0);
+    EXPECT_EQ(gone.cents, 0.0);
+    EXPECT_EQ(gone.clarity, 0.0);
+    // A pitch after the silence starts afresh: unsmoothed cents.
+    const TunerReading again = h.frame(452.0);
+    EXPECT_NEAR(again.cents, cents(452, 440), 1e-9);
+}
+
+TEST(NoteTracker, SilenceBeforeAnyNoteKeepsTheSilentReading) {
+    Harness h;
+    for (int i = 0; i < 3; ++i) {
+        const TunerReading r = h.frame(0.0);
+        EXPECT_EQ(r.state, tn_state_silent);
+        EXPECT_EQ(r.note, -1);
+        EXPECT_EQ(r.frame_count, uint64_t(i + 1));
+    }
+}
+
+TEST(NoteTracker, FixedNoteReportsLargeDeviationsWithoutChangingNote) {
+    Harness h;
+    h.config.fixed_note = 69;
+    const TunerReading r = h.frame(466.16);
+    EXPECT_EQ(r.note, 69);
+    EXPECT_NEAR(r.cents, 99.99, 0.01);
+    EXPECT_EQ(r.state, tn_state_pitched);
+    EXPECT_EQ(r.target_hz, 440.0);
+    // A fixed note far below still targets A4.
+    const TunerReading low = h.frame(220.0, 1.0);
+    EXPECT_EQ(low.note, 69);
+    EXPECT_LT(low.cents, 0.0);
+}
+
+TEST(NoteTracker, SmoothingFactorDependsOnClarityAndTheSlowFlag) {
+    // Step the raw cents from +10 to +20 on the same note; the first
+    // smoothed step is (20 - 10) * alpha with alpha = clamp(0.3q + 0.08).
+    const double f10 = 440.0 * std::pow(2.0, 10.0 / 1200.0);
+    const double f20 = 440.0 * std::pow(2.0, 20.0 / 1200.0);
+    struct Row { double clarity; int slow; double alpha; };
+    const Row rows[] = {{0.6, 0, 0.26}, {1.0, 0, 0.38}, {0.9, 0, 0.35}, {0.9, 1, 0.175},
+                        {1.5, 0, 0.42}, {0.0, 0, 0.08}, {0.0, 1, 0.04}};
+    for (const auto& r : rows) {
+        Harness h;
+        h.config.slow_smoothing = r.slow;
+        h.frame(f10, r.clarity);
+        const TunerReading out = h.frame(f20, r.clarity);
+        EXPECT_NEAR(out.cents, 10.0 + 10.0 * r.alpha, 1e-9) << r.clarity << " " << r.slow;
+    }
+}
+
+TEST(NoteTracker, StrobeAdvancesByTheFrequencyErrorAndFolds) {
+    Harness h;
+    h.frame(441.0);
+    EXPECT_NEAR(h.reading.strobe_phase, 1.0 * 2 * ws::test::kPi * kDt, 1e-12);
+    h.frame(441.0);
+    EXPECT_NEAR(h.reading.strobe_phase, 2.0 * 2 * ws::test::kPi * kDt, 1e-12);
+    // A held frame keeps the phase.
+    h.frame(0.0);
+    EXPECT_NEAR(h.reading.strobe_phase, 2.0 * 2 * ws::test::kPi * kDt, 1e-12);
+
+    // A large, steady error folds the phase back below 2*pi once it passes a
+    // million turns; fixed-note mode keeps the note steady meanwhile.
+    Harness far;
+    far.config.fixed_note = 40;
+    double max_phase = 0.0, previous = 0.0;
+    bool folded = false;
+    for (int i = 0; i < 50000; ++i) {
+        far.frame(1100.0);
+        max_phase = std::max(max_phase, std::fabs(far.reading.strobe_phase));
+        folded = folded || far.reading.strobe_phase < previous;
+        previous = far.reading.strobe_phase;
+    }
+    EXPECT_TRUE(folded);
+    EXPECT_LE(max_phase, 6283185.307179586 + 2 * ws::test::kPi * (1100.0 - midi_hz(40)) * kDt);
+    EXPECT_LT(std::fabs(far.reading.strobe_phase), 6283185.307179586);
+}
+
+TEST(NoteTracker, TimeAndCountsFollowTheFraming) {
+    Harness h;
+    // Frame k ends at (hop * k + N) samples: 2048, 3072, 4096 at 48 kHz.
+    const uint64_t expected_us[] = {42666, 64000, 85333};
+    for (int k = 0; k < 3; ++k) {
+        const TunerReading r = h.frame(k == 1 ? 0.0 : 440.0);
+        EXPECT_EQ(r.time_us, expected_us[k]);
+        EXPECT_EQ(r.frame_count, uint64_t(k + 1));
+    }
+    // Decimation scales the time: 192 kHz decimated by 4.
+    NoteTracker tr;
+    TunerReading r = ws::tuner::cleared_reading();
+    const FrameTiming dec{1024, 2048, 4, 192000.0, 48000.0};
+    tr.update(r, FrameInput{}, dec, ws::tuner::kDefaultConfig);
+    EXPECT_EQ(r.time_us, 42666u);
+}
+
+TEST(NoteTracker, LevelsArePassedThroughWithFloors) {
+    Harness h;
+    NoteTracker tr;
+    TunerReading r = ws::tuner::cleared_reading();
+    tr.update(r, FrameInput{0, 0, 4.0, 0.0, true}, kTiming, h.config);
+    EXPECT_EQ(r.peak, 1.0);
+    EXPECT_EQ(r.level_db, -120.0);
+    EXPECT_EQ(r.clipped, 1u);
+    tr.update(r, FrameInput{0, 0, 0.3, 0.1, false}, kTiming, h.config);
+    EXPECT_EQ(r.peak, 0.3);
+    EXPECT_NEAR(r.level_db, -20.0, 1e-12);
+    EXPECT_EQ(r.clipped, 0u);
+}
+
+}  // namespace

@@ -1,0 +1,355 @@
+#include "cli.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+#include <miniaudio.h>
+
+#if defined(_WIN32)
+#  include <io.h>
+#  include <windows.h>
+#else
+#  include <unistd.h>
+#endif
+
+namespace cli {
+
+namespace {
+
+std::string format_limit(double v) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%g", v);
+    return buf;
+}
+
+bool is_option(const std::string& arg) { return arg.size() > 1 && arg[0] == '-'; }
+
+#if defined(_WIN32)
+std::wstring widen(const std::string& utf8) {
+    if (utf8.empty()) return {};
+    const int n = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()),
+                                      nullptr, 0);
+    std::wstring wide(static_cast<size_t>(n), L'\0');
+    MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), wide.data(), n);
+    return wide;
+}
+#endif
+
+}  // namespace
+
+// ---- options -----------------------------------------------------------
+
+Options::Options(std::string_view command, std::span<const std::string> args,
+                 std::span<const OptionSpec> specs)
+    : command_(command) {
+    bool only_positionals = false;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        if (only_positionals || !is_option(arg)) {
+            positionals_.push_back(arg);
+            continue;
+        }
+        if (arg == "--") {
+            only_positionals = true;
+            continue;
+        }
+        if (arg == "-h" || arg == "--help") {
+            help_ = true;
+            continue;
+        }
+        if (arg.rfind("--", 0) != 0) {
+            throw UsageError("unknown option '" + arg + "' for '" + command_ +
+                             "' (see 'woodshed " + command_ + " --help')");
+        }
+        std::string name = arg.substr(2);
+        std::optional<std::string> inline_value;
+        if (const auto eq = name.find('='); eq != std::string::npos) {
+            inline_value = name.substr(eq + 1);
+            name.resize(eq);
+        }
+        const auto spec = std::find_if(specs.begin(), specs.end(),
+                                       [&](const OptionSpec& s) { return s.name == name; });
+        if (spec == specs.end()) {
+            throw UsageError("unknown option '--" + name + "' for '" + command_ +
+                             "' (see 'woodshed " + command_ + " --help')");
+        }
+        if (!spec->takes_value) {
+            if (inline_value) throw UsageError("option '--" + name + "' takes no value");
+            flags_.push_back(name);
+            continue;
+        }
+        std::string value;
+        if (inline_value) {
+            value = *inline_value;
+        } else {
+            // A value may itself start with '-' (a negative number), so take
+            // the next argument whatever it looks like.
+            if (i + 1 >= args.size()) throw UsageError("option '--" + name + "' needs a value");
+            value = args[++i];
+        }
+        values_.emplace_back(name, value);
+    }
+}
+
+bool Options::flag(std::string_view name) const {
+    return std::find(flags_.begin(), flags_.end(), name) != flags_.end();
+}
+
+std::optional<std::string> Options::value(std::string_view name) const {
+    for (auto it = values_.rbegin(); it != values_.rend(); ++it) {
+        if (it->first == name) return it->second;
+    }
+    return std::nullopt;
+}
+
+void Options::expect_positionals(size_t count, std::string_view what) const {
+    if (positionals_.size() < count) {
+        throw UsageError("'" + command_ + "' needs " + std::string(what) + " (see 'woodshed " +
+                         command_ + " --help')");
+    }
+    if (positionals_.size() > count) {
+        throw UsageError("unexpected argument '" + positionals_[count] + "' for '" + command_ +
+                         "'");
+    }
+}
+
+double parse_number(std::string_view option, std::string_view text, double lo, double hi) {
+    const std::string s(text);
+    char* end = nullptr;
+    errno = 0;
+    const double v = s.empty() ? NAN : std::strtod(s.c_str(), &end);
+    const bool parsed = !s.empty() && end == s.c_str() + s.size() && errno != ERANGE;
+    if (!parsed || !std::isfinite(v) || v < lo || v > hi) {
+        throw UsageError("--" + std::string(option) + " wants a number from " + format_limit(lo) +
+                         " to " + format_limit(hi) + ", not '" + s + "'");
+    }
+    return v;
+}
+
+std::pair<double, double> parse_range(std::string_view option, std::string_view text) {
+    const auto dots = text.find("..");
+    if (dots == std::string_view::npos) {
+        throw UsageError("--" + std::string(option) + " wants LOW..HIGH, not '" +
+                         std::string(text) + "'");
+    }
+    return {parse_number(option, text.substr(0, dots), -HUGE_VAL, HUGE_VAL),
+            parse_number(option, text.substr(dots + 2), -HUGE_VAL, HUGE_VAL)};
+}
+
+// ---- notes -------------------------------------------------------------
+
+std::optional<int> note_from_text(std::string_view text) {
+    if (text.empty()) return std::nullopt;
+    if (std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+        if (text.size() > 3) return std::nullopt;
+        const int n = std::atoi(std::string(text).c_str());
+        return n <= 127 ? std::optional<int>(n) : std::nullopt;
+    }
+    // Semitones of C D E F G A B above C.
+    static constexpr int kLetter[7] = {9, 11, 0, 2, 4, 5, 7};  // A..G
+    const char letter = static_cast<char>(text[0] | 0x20);
+    if (letter < 'a' || letter > 'g') return std::nullopt;
+    int semitone = kLetter[letter - 'a'];
+    size_t i = 1;
+    if (i < text.size() && text[i] == '#') {
+        ++semitone;
+        ++i;
+    } else if (i < text.size() && text[i] == 'b') {
+        --semitone;
+        ++i;
+    }
+    bool negative = false;
+    if (i < text.size() && text[i] == '-') {
+        negative = true;
+        ++i;
+    }
+    if (i == text.size() || text.size() - i > 2) return std::nullopt;
+    int octave = 0;
+    for (; i < text.size(); ++i) {
+        if (text[i] < '0' || text[i] > '9') return std::nullopt;
+        octave = octave * 10 + (text[i] - '0');
+    }
+    if (negative) octave = -octave;
+    const int midi = (octave + 1) * 12 + semitone;
+    if (midi < 0 || midi > 127) return std::nullopt;
+    return midi;
+}
+
+std::string note_name(int midi) {
+    static constexpr const char* kNames[12] = {"C",  "C#", "D",  "D#", "E",  "F",
+                                               "F#", "G",  "G#", "A",  "A#", "B"};
+    if (midi < 0 || midi > 127) return "--";
+    return std::string(kNames[midi % 12]) + std::to_string(midi / 12 - 1);
+}
+
+double note_frequency(int midi, double a4_hz) {
+    return a4_hz * std::exp2((midi - 69) / 12.0);
+}
+
+// ---- audio input -------------------------------------------------------
+
+struct AudioReader::Impl {
+    ma_decoder decoder{};
+    bool open = false;
+    ~Impl() {
+        if (open) ma_decoder_uninit(&decoder);
+    }
+};
+
+namespace {
+
+std::string decode_reason(ma_result r) {
+    switch (r) {
+        case MA_DOES_NOT_EXIST: return "no such file";
+        case MA_ACCESS_DENIED: return "permission denied";
+        case MA_IS_DIRECTORY: return "is a directory";
+        case MA_NO_BACKEND:
+        case MA_INVALID_FILE:
+        case MA_INVALID_DATA:
+        case MA_NOT_IMPLEMENTED:
+        case MA_FORMAT_NOT_SUPPORTED: return "not a WAV, FLAC or MP3 file, or damaged";
+        default: {
+            std::string text = ma_result_description(r);
+            if (!text.empty()) text[0] = static_cast<char>(std::tolower(text[0]));
+            return text;
+        }
+    }
+}
+
+ma_result open_decoder(const std::string& path, uint32_t rate, ma_decoder* decoder) {
+    const ma_decoder_config config = ma_decoder_config_init(ma_format_f32, 0, rate);
+#if defined(_WIN32)
+    return ma_decoder_init_file_w(widen(path).c_str(), &config, decoder);
+#else
+    return ma_decoder_init_file(path.c_str(), &config, decoder);
+#endif
+}
+
+}  // namespace
+
+AudioReader::AudioReader(const std::string& path, uint32_t min_rate, uint32_t max_rate,
+                         uint32_t fallback_rate)
+    : impl_(std::make_unique<Impl>()), path_(path) {
+    auto fail = [&](const std::string& reason) {
+        throw Failure("cannot decode '" + path + "': " + reason);
+    };
+    ma_result r = open_decoder(path, 0, &impl_->decoder);
+    if (r != MA_SUCCESS) fail(decode_reason(r));
+    impl_->open = true;
+
+    ma_format format{};
+    ma_uint32 channels = 0, rate = 0;
+    r = ma_decoder_get_data_format(&impl_->decoder, &format, &channels, &rate, nullptr, 0);
+    if (r != MA_SUCCESS) fail(decode_reason(r));
+    if (channels == 0 || rate == 0) fail("no audio format");
+    file_rate_ = rate;
+    if (rate < min_rate || rate > max_rate) {
+        ma_decoder_uninit(&impl_->decoder);
+        impl_->open = false;
+        r = open_decoder(path, fallback_rate, &impl_->decoder);
+        if (r != MA_SUCCESS) fail(decode_reason(r));
+        impl_->open = true;
+        rate = fallback_rate;
+    }
+    channels_ = channels;
+    sample_rate_ = rate;
+    ma_uint64 length = 0;
+    if (ma_decoder_get_length_in_pcm_frames(&impl_->decoder, &length) == MA_SUCCESS && length > 0) {
+        length_ = length;
+    }
+}
+
+AudioReader::~AudioReader() = default;
+
+size_t AudioReader::read(std::vector<float>& out, size_t frames) {
+    const size_t before = out.size();
+    out.resize(before + frames * channels_);
+    ma_uint64 got = 0;
+    const ma_result r =
+        ma_decoder_read_pcm_frames(&impl_->decoder, out.data() + before, frames, &got);
+    out.resize(before + static_cast<size_t>(got) * channels_);
+    if (r != MA_SUCCESS && r != MA_AT_END && got == 0) {
+        throw Failure("cannot decode '" + path_ + "': " + decode_reason(r));
+    }
+    return static_cast<size_t>(got);
+}
+
+// ---- files and terminal ------------------------------------------------
+
+FILE* open_file(const std::string& path, const char* mode) {
+#if defined(_WIN32)
+    return _wfopen(widen(path).c_str(), widen(mode).c_str());
+#else
+    return std::fopen(path.c_str(), mode);
+#endif
+}
+
+void remove_file(const std::string& path) {
+#if defined(_WIN32)
+    _wremove(widen(path).c_str());
+#else
+    std::remove(path.c_str());
+#endif
+}
+
+bool stderr_is_terminal() {
+#if defined(_WIN32)
+    return _isatty(_fileno(stderr)) != 0;
+#else
+    return isatty(STDERR_FILENO) != 0;
+#endif
+}
+
+Progress::Progress() : enabled_(stderr_is_terminal()) {}
+
+Progress::~Progress() { clear(); }
+
+void Progress::show(const std::string& text) {
+    if (!enabled_) return;
+    const int64_t now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                            std::chrono::steady_clock::now().time_since_epoch())
+                            .count();
+    if (last_ms_ >= 0 && now - last_ms_ < 100) return;
+    last_ms_ = now;
+    // Pad over a longer previous text instead of relying on terminal escapes,
+    // which not every Windows console honours.
+    std::string line = "\r" + text;
+    if (text.size() < shown_) line.append(shown_ - text.size(), ' ');
+    std::fputs(line.c_str(), stderr);
+    std::fflush(stderr);
+    shown_ = text.size();
+}
+
+void Progress::clear() {
+    if (!enabled_ || shown_ == 0) return;
+    std::fputs(("\r" + std::string(shown_, ' ') + "\r").c_str(), stderr);
+    std::fflush(stderr);
+    shown_ = 0;
+    last_ms_ = -1;
+}
+
+// ---- Ctrl-C ------------------------------------------------------------
+
+namespace {
+std::atomic<bool> g_interrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "the flag is set from a signal handler");
+
+void on_interrupt(int) {
+    g_interrupted.store(true, std::memory_order_relaxed);
+    // A second Ctrl-C ends the program at once, for when a report hangs.
+    std::signal(SIGINT, SIG_DFL);
+}
+}  // namespace
+
+void install_interrupt_handler() { std::signal(SIGINT, on_interrupt); }
+
+bool interrupted() { return g_interrupted.load(std::memory_order_relaxed); }
+
+}  // namespace cli

@@ -1,0 +1,162 @@
+// Shared pieces of the woodshed command-line program: the command table, a
+// small option parser, audio decoding, the Ctrl-C flag and note names.
+// Everything reaches the library through its public C headers only.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace cli {
+
+// Exit statuses the whole program agrees on.
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailure = 1;
+inline constexpr int kExitUsage = 2;
+inline constexpr int kExitInterrupted = 130;
+
+// A bad command line: reported as one line, exit status 2.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Anything else that stops a command (unreadable input, unwritable output):
+// one line, exit status 1.
+struct Failure : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// ---- commands ----------------------------------------------------------
+
+struct Command {
+    std::string_view name;
+    std::string_view synopsis;  // e.g. "tune FILE [options]"
+    std::string_view summary;   // one line for the overview
+    const char* help;           // the full text of `woodshed CMD --help`
+    int (*run)(std::span<const std::string> args);  // args exclude the command name
+};
+
+// Defined by each cmd_*.cpp; main.cpp lists them.
+extern const Command kTuneCommand;
+extern const Command kToneCommand;
+
+// ---- options -----------------------------------------------------------
+
+struct OptionSpec {
+    std::string_view name;  // without the leading dashes
+    bool takes_value;
+};
+
+// Parses "--name value", "--name=value", flags, "--" and positionals.
+// --help and -h are always accepted. A later occurrence of an option
+// replaces an earlier one, as users expect when they append to a command.
+class Options {
+public:
+    Options(std::string_view command, std::span<const std::string> args,
+            std::span<const OptionSpec> specs);
+
+    bool help() const { return help_; }
+    bool flag(std::string_view name) const;
+    std::optional<std::string> value(std::string_view name) const;
+    const std::vector<std::string>& positionals() const { return positionals_; }
+
+    // Exactly `count` positionals or a UsageError naming what is missing.
+    void expect_positionals(size_t count, std::string_view what) const;
+
+private:
+    std::string command_;
+    bool help_ = false;
+    std::vector<std::pair<std::string, std::string>> values_;
+    std::vector<std::string> flags_;
+    std::vector<std::string> positionals_;
+};
+
+// A finite number in [lo, hi]; otherwise a UsageError naming the option.
+double parse_number(std::string_view option, std::string_view text, double lo, double hi);
+
+// "LOW..HIGH" as two numbers.
+std::pair<double, double> parse_range(std::string_view option, std::string_view text);
+
+// ---- notes -------------------------------------------------------------
+
+// MIDI note from a name (A4, C#3, Bb3, e2, C-1) or a number 0..127; nullopt
+// when the text is neither or lies outside 0..127.
+std::optional<int> note_from_text(std::string_view text);
+
+// Sharps spelling with octave, MIDI 69 = "A4", 0 = "C-1"; "--" for -1 (or any
+// value outside 0..127).
+std::string note_name(int midi);
+
+// Equal-tempered frequency of a MIDI note at the given A4.
+double note_frequency(int midi, double a4_hz);
+
+// ---- audio input -------------------------------------------------------
+
+// Streaming decoder for WAV, FLAC and MP3, delivering interleaved 32-bit
+// floats at the file's own channel count. When the file's rate is outside
+// `min_rate`..`max_rate` the audio is resampled to `fallback_rate`.
+class AudioReader {
+public:
+    AudioReader(const std::string& path, uint32_t min_rate, uint32_t max_rate,
+                uint32_t fallback_rate);
+    ~AudioReader();
+    AudioReader(const AudioReader&) = delete;
+    AudioReader& operator=(const AudioReader&) = delete;
+
+    uint32_t channels() const { return channels_; }
+    uint32_t sample_rate() const { return sample_rate_; }        // of the delivered audio
+    uint32_t file_sample_rate() const { return file_rate_; }     // as stored in the file
+    std::optional<uint64_t> length_frames() const { return length_; }  // when known up front
+
+    // Appends up to `frames` frames to `out`; returns how many, 0 at the end.
+    size_t read(std::vector<float>& out, size_t frames);
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+    std::string path_;
+    uint32_t channels_ = 0;
+    uint32_t sample_rate_ = 0;
+    uint32_t file_rate_ = 0;
+    std::optional<uint64_t> length_;
+};
+
+// ---- files and terminal ------------------------------------------------
+
+// fopen for a UTF-8 path (wide API on Windows).
+FILE* open_file(const std::string& path, const char* mode);
+
+// remove() for a UTF-8 path; failures are ignored (used to drop partial output).
+void remove_file(const std::string& path);
+
+bool stderr_is_terminal();
+
+// Status line on stderr that rewrites itself; cleared before anything else is
+// printed and at destruction. Does nothing unless stderr is a terminal.
+class Progress {
+public:
+    Progress();
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+    void show(const std::string& text);  // rate-limited
+    void clear();
+
+private:
+    bool enabled_;
+    size_t shown_ = 0;
+    int64_t last_ms_ = -1;
+};
+
+// ---- Ctrl-C ------------------------------------------------------------
+
+void install_interrupt_handler();
+bool interrupted();
+
+}  // namespace cli
