@@ -12,6 +12,8 @@
 #include <memory>
 #include <mutex>
 
+#include "frame/platform.hpp"
+
 #include "woodshed/common.h"
 
 namespace ws::frame {
@@ -28,7 +30,7 @@ public:
     // destroyed here and the family stays without instance.
     template <class Make>
     int create(Make&& make) {
-        std::lock_guard<std::mutex> lock(mutex_);
+        std::lock_guard<platform::StaticMutex> lock(mutex_);
         if (instance_ != nullptr) return ws_already_created;
         std::unique_ptr<Engine> engine = make();
         if (!engine->context_ready()) return ws_backend_init_failed;
@@ -40,7 +42,7 @@ public:
     // Detaches the instance first, then destroys it with the mutex still
     // held, so no other call of the family can see a half-destroyed engine.
     int destroy() {
-        std::lock_guard<std::mutex> lock(mutex_);
+        std::lock_guard<platform::StaticMutex> lock(mutex_);
         Engine* engine = instance_;
         if (engine == nullptr) return ws_not_created;
         instance_ = nullptr;
@@ -54,7 +56,7 @@ public:
     template <class Fn, class... Ptrs>
     auto call(Fn&& fn, const Ptrs*... required) -> decltype(fn(std::declval<Engine&>())) {
         using Result = decltype(fn(std::declval<Engine&>()));
-        std::lock_guard<std::mutex> lock(mutex_);
+        std::lock_guard<platform::StaticMutex> lock(mutex_);
         if (instance_ == nullptr) return Result(ws_not_created);
         if (((required == nullptr) || ...)) return Result(ws_invalid_argument);
         return fn(*instance_);
@@ -62,12 +64,12 @@ public:
 
     // For tests: whether an instance exists right now (takes the mutex).
     bool has_instance() {
-        std::lock_guard<std::mutex> lock(mutex_);
+        std::lock_guard<platform::StaticMutex> lock(mutex_);
         return instance_ != nullptr;
     }
 
 private:
-    std::mutex mutex_;
+    platform::StaticMutex mutex_;
     Engine* instance_ = nullptr;
 };
 

@@ -25,6 +25,11 @@ std::wstring widen(const char* utf8) {
 }
 }  // namespace
 
+static_assert(sizeof(SRWLOCK) == sizeof(void*));
+
+void StaticMutex::lock() { AcquireSRWLockExclusive(reinterpret_cast<PSRWLOCK>(&srw_)); }
+void StaticMutex::unlock() { ReleaseSRWLockExclusive(reinterpret_cast<PSRWLOCK>(&srw_)); }
+
 std::FILE* open_file(const char* path, const char* mode) {
     const std::wstring wpath = widen(path);
     const std::wstring wmode = widen(mode);
@@ -43,6 +48,9 @@ bool rename_file(const char* from, const char* to) {
 }
 
 #else
+
+void StaticMutex::lock() { mutex_.lock(); }
+void StaticMutex::unlock() { mutex_.unlock(); }
 
 std::FILE* open_file(const char* path, const char* mode) {
     if (path == nullptr || mode == nullptr || *path == '\0') return nullptr;

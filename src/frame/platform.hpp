@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -15,6 +16,26 @@ namespace ws::platform {
 std::FILE* open_file(const char* utf8_path, const char* mode);
 bool remove_file(const char* utf8_path);
 bool rename_file(const char* utf8_from, const char* utf8_to);
+
+// A mutex that needs no constructor to run: usable from the moment the
+// library is loaded, whatever order static initialisers run in. On Windows
+// it is a slim reader/writer lock (all-zero initial state), elsewhere a
+// pthread mutex through std::mutex, whose constructor is constexpr there.
+class StaticMutex {
+public:
+    constexpr StaticMutex() = default;
+    StaticMutex(const StaticMutex&) = delete;
+    StaticMutex& operator=(const StaticMutex&) = delete;
+    void lock();
+    void unlock();
+
+private:
+#if defined(_WIN32)
+    void* srw_ = nullptr;  // SRWLOCK
+#else
+    std::mutex mutex_;
+#endif
+};
 
 // Worker threads: std::thread sits on the C runtime's thread start on every
 // platform (_beginthreadex under mingw's and MSVC's runtimes).
