@@ -82,11 +82,97 @@ WS_STATIC_ASSERT(offsetof(TunerReading, octave) == 76, "TunerReading.octave");
 WS_STATIC_ASSERT(offsetof(TunerReading, state) == 80, "TunerReading.state");
 WS_STATIC_ASSERT(offsetof(TunerReading, clipped) == 84, "TunerReading.clipped");
 
+/* TunerStatus.state */
+typedef enum tn_engine_state {
+    tn_engine_stopped = 0,
+    tn_engine_running = 1,
+    tn_engine_reopening = 2, /* the device was lost; the engine is opening it (or the default) again */
+    tn_engine_failed = 3     /* the last open failed; see result and backend_result */
+} tn_engine_state;
+
+/* The live engine's status (32 bytes), copied by tn_engine_get_status. */
+typedef struct TunerStatus {
+    uint64_t change_count;   /* 1 after create; +1 at every status change */
+    uint32_t state;          /* tn_engine_state */
+    int32_t result;          /* ws_result of the last failure; 0 after a successful start */
+    int32_t backend_result;  /* the audio back end's raw result behind `result` */
+    uint32_t sample_rate;    /* the open device's rate in Hz; 0 when stopped */
+    uint32_t device_channels;/* the device's native capture channels (mixed to mono); 0 when stopped */
+    uint32_t default_used;   /* 1 if the default input was opened because the id text was empty,
+                                malformed or not among the listed devices */
+} TunerStatus;
+
+WS_STATIC_ASSERT(sizeof(TunerStatus) == 32, "TunerStatus is 32 bytes");
+WS_STATIC_ASSERT(offsetof(TunerStatus, change_count) == 0, "TunerStatus.change_count");
+WS_STATIC_ASSERT(offsetof(TunerStatus, state) == 8, "TunerStatus.state");
+WS_STATIC_ASSERT(offsetof(TunerStatus, result) == 12, "TunerStatus.result");
+WS_STATIC_ASSERT(offsetof(TunerStatus, backend_result) == 16, "TunerStatus.backend_result");
+WS_STATIC_ASSERT(offsetof(TunerStatus, sample_rate) == 20, "TunerStatus.sample_rate");
+WS_STATIC_ASSERT(offsetof(TunerStatus, device_channels) == 24, "TunerStatus.device_channels");
+WS_STATIC_ASSERT(offsetof(TunerStatus, default_used) == 28, "TunerStatus.default_used");
+
 /* Returns 1, the interface version (WS_ABI_VERSION). No lock; any thread. */
 WS_API int32_t tn_abi_version(void);
 
 /* Returns the fixed capability mask 31. No lock; any thread. */
 WS_API int32_t tn_capabilities(void);
+
+/*
+ * The live tuner engine. One instance per process: tn_engine_create makes it,
+ * tn_engine_destroy ends it. Every tn_engine_ call takes the tuner's family
+ * lock for its whole duration (calls are serialised; any host thread may make
+ * them); with no instance they return ws_not_created (-2), checked before
+ * any pointer argument. The engine starts one worker thread at create; the
+ * audio back end runs the capture callback on its own thread.
+ */
+
+/* Creates the engine with `config` (NULL: defaults) and its audio context.
+ * Returns 0; ws_already_created (-1) if an engine exists (it is untouched);
+ * ws_backend_init_failed (-10) if no audio back end could be initialised
+ * (nothing is kept; create may be tried again). */
+WS_API int32_t tn_engine_create(const TunerConfig* config);
+
+/* Stops capture, joins the worker, closes the device and frees the engine.
+ * Blocks until the worker has ended. Returns 0, or -2 if there was none. */
+WS_API int32_t tn_engine_destroy(void);
+
+/* Applies new settings to the running analysis. A changed frequency range
+ * restarts the analysis; other changes apply from the next frame.
+ * Returns 0; -2; ws_invalid_argument (-3) for NULL. */
+WS_API int32_t tn_engine_configure(const TunerConfig* config);
+
+/* Opens and starts the capture device named by `device_id` (an id_text from
+ * tn_engine_get_device; upper-case hex accepted). NULL, the empty text, a
+ * malformed text or one that names no listed input opens the default input
+ * (TunerStatus.default_used = 1). A running device is closed first and the
+ * published reading is forgotten. Blocks while the device opens.
+ * Returns 0, -2, -10 without an audio context, or the device error
+ * (-11 no device, -12 busy, -13 access denied, -14 format, -15 other), which
+ * TunerStatus also records with the back end's raw value. */
+WS_API int32_t tn_engine_start(const char* device_id);
+
+/* Closes the device. The last reading stays readable. Stopping a stopped
+ * engine succeeds (and still counts as a status change). Returns 0 or -2. */
+WS_API int32_t tn_engine_stop(void);
+
+/* Copies the status record. Returns 0, -2, or -3 for NULL. */
+WS_API int32_t tn_engine_get_status(TunerStatus* out);
+
+/* Copies the latest reading. Note the query convention: returns 1 if a
+ * reading was copied, 0 if none has been published since the device opened
+ * (or no consistent copy could be taken; try again), -2, or -3 for NULL.
+ * Never blocks the analysis. */
+WS_API int32_t tn_engine_get_reading(TunerReading* out);
+
+/* Copies the index-th input of the list made by the last refresh (or start).
+ * Query convention: 1 if copied, 0 if the index is negative or past the end;
+ * -2; -3 for NULL (after the instance check). */
+WS_API int32_t tn_engine_get_device(int32_t index, DeviceRecord* out);
+
+/* Lists the capture devices afresh. Returns their number (0 or more), -2,
+ * -10 without an audio context, or a device error; on failure the previous
+ * list stays. */
+WS_API int32_t tn_engine_refresh_devices(void);
 
 /* Analyses a buffer the host holds and reports the reading the live tuner
  * would show after hearing it (not an average: the state after the last

@@ -46,12 +46,12 @@ void PitchDetector::configure(double rate, double lowest_hz, double highest_hz, 
 namespace {
 
 // The cross sums c(tau) = sum_{i < n - tau} x[i] * x[i + tau] are computed
-// for a block of L consecutive lags at a time. Lag tau + k at position i
-// reads x[i + tau + k], so a vector of W products for lag k + W at step i
-// uses the same y-vector as lag k at step i + W: each step loads one x-vector
-// and W new y-vectors, and the other L - W y-vectors are carried over in
-// registers. Every kernel differs from the plain loop only in the order of
-// the additions (and, with FMA, in the rounding of the products).
+// for a block of consecutive lags at a time, so each load of x[i] serves the
+// whole block. Lag tau + k at step i and lag tau + k + W at step i - W read
+// the same W-wide y-vector, so a block wider than W can also hand y-vectors
+// on from one step to the next in registers (the scalar and AVX2 kernels do).
+// Every kernel differs from the plain loop only in the order of the additions
+// (and, with FMA, in the rounding of the products).
 
 // Adds, for each lag of the block, the terms from `from` up to that lag's own
 // end, which the vector loop (running only while all L lags are valid) left out.
@@ -108,32 +108,38 @@ void cross_block_scalar(const double* x, size_t n, size_t tau, double* out) {
 }
 
 #if WS_NSDF_SSE2
-// Six lags in two-wide vectors: three loads and six multiply-add pairs per
-// step, six independent sums to cover the add latency, and few enough live
-// registers that nothing spills with SSE2's sixteen.
-constexpr size_t kSse2Lags = 6;
+// Four lags, two steps of two-wide vectors per iteration with a sum set for
+// each step: eight loads, multiplies and adds per sixteen products. SSE2's
+// two-operand forms need a copy or a load for every product, so this is
+// about as close to the multiply and add throughput as it gets; carrying
+// more y-vectors only adds register copies.
+constexpr size_t kSse2Lags = 4;
 void cross_block_sse2(const double* x, size_t n, size_t tau, double* out) {
     const double* y = x + tau;
     const size_t common = n - tau - (kSse2Lags - 1);
-    __m128d s0 = _mm_setzero_pd(), s1 = s0, s2 = s0, s3 = s0, s4 = s0, s5 = s0;
+    __m128d a0 = _mm_setzero_pd(), a1 = a0, a2 = a0, a3 = a0;
+    __m128d b0 = a0, b1 = a0, b2 = a0, b3 = a0;
     size_t i = 0;
-    if (common >= 2) {
-        __m128d c0 = _mm_loadu_pd(y), c1 = _mm_loadu_pd(y + 1);
-        __m128d c2 = _mm_loadu_pd(y + 2), c3 = _mm_loadu_pd(y + 3);
-        for (; i + 2 <= common; i += 2) {
-            const __m128d xv = _mm_loadu_pd(x + i);
-            const __m128d c4 = _mm_loadu_pd(y + i + 4);
-            const __m128d c5 = _mm_loadu_pd(y + i + 5);
-            s0 = _mm_add_pd(s0, _mm_mul_pd(xv, c0));
-            s1 = _mm_add_pd(s1, _mm_mul_pd(xv, c1));
-            s2 = _mm_add_pd(s2, _mm_mul_pd(xv, c2));
-            s3 = _mm_add_pd(s3, _mm_mul_pd(xv, c3));
-            s4 = _mm_add_pd(s4, _mm_mul_pd(xv, c4));
-            s5 = _mm_add_pd(s5, _mm_mul_pd(xv, c5));
-            c0 = c2; c1 = c3; c2 = c4; c3 = c5;
-        }
+    for (; i + 4 <= common; i += 4) {
+        const __m128d x0 = _mm_loadu_pd(x + i);
+        const __m128d x1 = _mm_loadu_pd(x + i + 2);
+        const __m128d y0 = _mm_loadu_pd(y + i);
+        const __m128d y1 = _mm_loadu_pd(y + i + 1);
+        const __m128d y2 = _mm_loadu_pd(y + i + 2);
+        const __m128d y3 = _mm_loadu_pd(y + i + 3);
+        const __m128d y4 = _mm_loadu_pd(y + i + 4);
+        const __m128d y5 = _mm_loadu_pd(y + i + 5);
+        a0 = _mm_add_pd(a0, _mm_mul_pd(x0, y0));
+        b0 = _mm_add_pd(b0, _mm_mul_pd(x1, y2));
+        a1 = _mm_add_pd(a1, _mm_mul_pd(x0, y1));
+        b1 = _mm_add_pd(b1, _mm_mul_pd(x1, y3));
+        a2 = _mm_add_pd(a2, _mm_mul_pd(x0, y2));
+        b2 = _mm_add_pd(b2, _mm_mul_pd(x1, y4));
+        a3 = _mm_add_pd(a3, _mm_mul_pd(x0, y3));
+        b3 = _mm_add_pd(b3, _mm_mul_pd(x1, y5));
     }
-    const __m128d sums[kSse2Lags] = {s0, s1, s2, s3, s4, s5};
+    const __m128d sums[kSse2Lags] = {_mm_add_pd(a0, b0), _mm_add_pd(a1, b1), _mm_add_pd(a2, b2),
+                                     _mm_add_pd(a3, b3)};
     for (size_t k = 0; k < kSse2Lags; ++k) {
         out[k] = _mm_cvtsd_f64(sums[k]) + _mm_cvtsd_f64(_mm_unpackhi_pd(sums[k], sums[k]));
     }
@@ -186,19 +192,20 @@ __attribute__((target("avx2,fma"))) void cross_block_avx2(const double* x, size_
 
 using CrossBlock = void (*)(const double*, size_t, size_t, double*);
 
-void nsdf_blocked(CrossBlock block, size_t lags, const double* x, const double* p, size_t n,
-                  size_t top, double* values) {
+template <size_t L>
+void nsdf_blocked(CrossBlock block, const double* x, const double* p, size_t n, size_t top,
+                  double* values) {
     auto store = [&](size_t tau, double cross) {
         // m = sum over the overlap of x[i]^2 + x[i+tau]^2, from prefix sums.
         const double m = p[n - tau] + (p[n] - p[tau]);
         values[tau] = m > 0.0 ? 2.0 * cross / m : 0.0;
     };
-    double c[8];
+    double c[L];
     size_t tau = 2;
     // Blocks only while the overlap is long enough for their vector loops to matter.
-    for (; tau + lags - 1 <= top && n - tau >= lags + 16; tau += lags) {
+    for (; tau + L - 1 <= top && n - tau >= L + 16; tau += L) {
         block(x, n, tau, c);
-        for (size_t k = 0; k < lags; ++k) store(tau + k, c[k]);
+        for (size_t k = 0; k < L; ++k) store(tau + k, c[k]);
     }
     for (; tau <= top; ++tau) store(tau, cross_one(x, n, tau));
 }
@@ -251,19 +258,21 @@ bool pin_nsdf_kernel(NsdfKernel kernel) {
 
 void nsdf_values(NsdfKernel kernel, const double* x, const double* prefix, size_t n, size_t top,
                  double* values) {
+    if (n < 2) return;
+    top = std::min(top, n - 1);
     switch (kernel) {
 #if WS_NSDF_AVX2
     case NsdfKernel::avx2:
-        nsdf_blocked(cross_block_avx2, kAvx2Lags, x, prefix, n, top, values);
+        nsdf_blocked<kAvx2Lags>(cross_block_avx2, x, prefix, n, top, values);
         return;
 #endif
 #if WS_NSDF_SSE2
     case NsdfKernel::sse2:
-        nsdf_blocked(cross_block_sse2, kSse2Lags, x, prefix, n, top, values);
+        nsdf_blocked<kSse2Lags>(cross_block_sse2, x, prefix, n, top, values);
         return;
 #endif
     default:
-        nsdf_blocked(cross_block_scalar, kScalarLags, x, prefix, n, top, values);
+        nsdf_blocked<kScalarLags>(cross_block_scalar, x, prefix, n, top, values);
         return;
     }
 }

@@ -1,0 +1,218 @@
+#include "tuner/engine.hpp"
+
+#include <chrono>
+#include <cstring>
+
+#include "frame/platform.hpp"
+#include "frame/realtime.hpp"
+#include "frame/result_map.hpp"
+#include "tuner/config.hpp"
+
+namespace ws::tuner {
+
+TunerEngine::TunerEngine(const TunerConfig* config)
+    : analyser_(config), scratch_(new float[kScratch]()) {
+    status_.change_count = 1;
+    const ma_context_config cfg = ma_context_config_init();
+    const ma_result r = ma_context_init(nullptr, 0, &cfg, &context_);
+    context_ready_ = r == MA_SUCCESS;
+    if (!context_ready_) {
+        status_.state = tn_engine_failed;
+        status_.result = ws_backend_init_failed;
+        status_.backend_result = r;
+        return;
+    }
+    running_ = true;
+    thread_ = platform::start_thread([this] { worker(); });
+}
+
+TunerEngine::~TunerEngine() {
+    running_ = false;
+    if (thread_.joinable()) thread_.join();
+    {
+        std::lock_guard<std::mutex> guard(device_lock_);
+        capturing_ = false;
+        close_device();
+    }
+    if (context_ready_) ma_context_uninit(&context_);
+}
+
+void TunerEngine::configure(const TunerConfig& config) {
+    std::lock_guard<std::mutex> guard(analyser_lock_);
+    analyser_.configure(&config);
+}
+
+int32_t TunerEngine::start(const char* id_text) {
+    std::lock_guard<std::mutex> guard(device_lock_);
+    selected_id_ = id_text != nullptr ? id_text : "";
+    return open_device(selected_id_);
+}
+
+int32_t TunerEngine::stop() {
+    std::lock_guard<std::mutex> guard(device_lock_);
+    capturing_ = false;
+    close_device();
+    std::lock_guard<std::mutex> status(status_lock_);
+    status_.state = tn_engine_stopped;
+    status_.sample_rate = 0;
+    status_.device_channels = 0;
+    ++status_.change_count;
+    return ws_ok;
+}
+
+void TunerEngine::copy_status(TunerStatus* out) {
+    std::lock_guard<std::mutex> guard(status_lock_);
+    *out = status_;
+}
+
+int32_t TunerEngine::copy_reading(TunerReading* out) const { return reading_.read(out) ? 1 : 0; }
+
+int32_t TunerEngine::refresh_devices() {
+    if (!context_ready_) return ws_backend_init_failed;
+    return catalogue_.refresh(&context_, frame::map_device_result);
+}
+
+int32_t TunerEngine::get_device(int32_t index, DeviceRecord* out) const {
+    return catalogue_.get(index, out);
+}
+
+void TunerEngine::set_status(uint32_t state, int32_t result, int32_t backend) {
+    std::lock_guard<std::mutex> guard(status_lock_);
+    status_.state = state;
+    status_.result = result;
+    status_.backend_result = backend;
+    ++status_.change_count;
+}
+
+void TunerEngine::close_device() {
+    if (!device_open_) return;
+    // Stopping first wakes the back end's loop even when its stream has died
+    // silently; uninit alone would wait for a callback that never comes.
+    ma_device_stop(&device_);
+    ma_device_uninit(&device_);
+    device_open_ = false;
+}
+
+int32_t TunerEngine::open_device(const std::string& id_text) {
+    if (!context_ready_) return ws_backend_init_failed;
+    capturing_ = false;
+    close_device();
+
+    ma_device_id id;
+    const bool found = frame::resolve_listed_device(catalogue_, &context_, frame::map_device_result,
+                                                    id_text.c_str(), id);
+
+    ma_device_config cfg = ma_device_config_init(ma_device_type_capture);
+    cfg.capture.pDeviceID = found ? &id : nullptr;
+    cfg.capture.format = ma_format_f32;
+    cfg.capture.channels = 1;
+    cfg.sampleRate = 0;
+    cfg.periodSizeInMilliseconds = 10;
+    cfg.dataCallback = &TunerEngine::on_data;
+    cfg.notificationCallback = &TunerEngine::on_notification;
+    cfg.pUserData = this;
+
+    ma_result r = ma_device_init(&context_, &cfg, &device_);
+    if (r == MA_SUCCESS) {
+        device_open_ = true;
+        {
+            std::lock_guard<std::mutex> guard(analyser_lock_);
+            analyser_.reset(device_.sampleRate);
+        }
+        ring_.reset();
+        reading_.clear();
+        callbacks_ = 0;
+        capturing_ = true;
+        r = ma_device_start(&device_);
+        if (r != MA_SUCCESS) {
+            capturing_ = false;
+            ma_device_uninit(&device_);
+            device_open_ = false;
+        }
+    }
+    if (r != MA_SUCCESS) {
+        const int32_t code = frame::map_device_result(r);
+        set_status(tn_engine_failed, code, r);
+        return code;
+    }
+    std::lock_guard<std::mutex> guard(status_lock_);
+    status_.state = tn_engine_running;
+    status_.result = ws_ok;
+    status_.backend_result = 0;
+    status_.sample_rate = device_.sampleRate;
+    status_.device_channels = device_.capture.internalChannels;
+    status_.default_used = found ? 0u : 1u;
+    ++status_.change_count;
+    return ws_ok;
+}
+
+void TunerEngine::on_data(ma_device* device, void*, const void* input, ma_uint32 frames) {
+    rt::CallbackScope scope;
+    auto* self = static_cast<TunerEngine*>(device->pUserData);
+    if (self == nullptr || input == nullptr) return;
+    if (!self->capturing_.load(std::memory_order_acquire)) return;
+    self->callbacks_.fetch_add(1, std::memory_order_relaxed);
+    self->ring_.try_push(static_cast<const float*>(input), frames);
+}
+
+void TunerEngine::on_notification(const ma_device_notification* note) {
+    auto* self = static_cast<TunerEngine*>(note->pDevice->pUserData);
+    if (self == nullptr) return;
+    switch (note->type) {
+        case ma_device_notification_type_stopped:
+        case ma_device_notification_type_rerouted:
+        case ma_device_notification_type_interruption_ended:
+            // The engine clears capturing before closing its own device, so
+            // its own close never reads as a loss.
+            if (self->capturing_.load(std::memory_order_acquire)) self->reopen_request_ = true;
+            break;
+        default: break;
+    }
+}
+
+void TunerEngine::worker() {
+    using clock = std::chrono::steady_clock;
+    uint64_t last_count = 0;
+    auto last_progress = clock::now();
+    while (running_.load(std::memory_order_acquire)) {
+        // A capture stream that went quiet while it should run is lost too.
+        const uint64_t seen = callbacks_.load(std::memory_order_relaxed);
+        const auto now = clock::now();
+        if (seen != last_count || !capturing_.load(std::memory_order_acquire)) {
+            last_count = seen;
+            last_progress = now;
+        } else if (now - last_progress > kStallLimit) {
+            reopen_request_ = true;
+            last_progress = now;
+        }
+
+        if (reopen_request_.exchange(false) && capturing_.load(std::memory_order_acquire)) {
+            std::lock_guard<std::mutex> guard(device_lock_);
+            {
+                std::lock_guard<std::mutex> status(status_lock_);
+                status_.state = tn_engine_reopening;
+                status_.result = ws_ok;
+                status_.backend_result = 0;
+                ++status_.change_count;
+            }
+            if (open_device(selected_id_) != ws_ok) open_device(std::string());
+            last_count = callbacks_.load(std::memory_order_relaxed);
+            last_progress = clock::now();
+        }
+
+        if (ring_.take_overflow()) {
+            std::lock_guard<std::mutex> guard(analyser_lock_);
+            analyser_.reset(analyser_.sample_rate());
+        }
+
+        ring_.drain(scratch_.get(), kScratch, [this](const float* run, size_t n) {
+            std::lock_guard<std::mutex> guard(analyser_lock_);
+            analyser_.push(run, n);
+            TunerReading reading;
+            if (analyser_.take_reading(&reading)) reading_.publish(reading);
+        });
+        std::this_thread::sleep_until(clock::now() + kWorkerPeriod);
+    }
+}
+
+}  // namespace ws::tuner

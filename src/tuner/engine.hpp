@@ -1,0 +1,90 @@
+// The live tuner: one capture device, a ring from its callback to a worker
+// thread that runs the analyser and publishes readings, and a status record.
+//
+// What callers may assume: every public method except copy_reading runs on
+// a host thread with the tuner family's mutex held; pointers are non-null
+// (the export layer checks them). Lock order below the family mutex: device
+// lock, then one of catalogue, analyser or status lock, never two of those.
+#pragma once
+
+#include <miniaudio.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "frame/device_catalogue.hpp"
+#include "frame/sample_ring.hpp"
+#include "frame/seqlock.hpp"
+#include "tuner/analyser.hpp"
+#include "woodshed/tuner.h"
+
+namespace ws::tuner {
+
+class TunerEngine {
+public:
+    static constexpr size_t kRingCapacity = 32768;
+    static constexpr size_t kScratch = 8192;
+    static constexpr auto kWorkerPeriod = std::chrono::milliseconds(3);
+    // A capture stream that delivers nothing for this long while it should
+    // be running is treated as lost: some back ends kill a stream without
+    // telling anyone.
+    static constexpr auto kStallLimit = std::chrono::milliseconds(2000);
+
+    explicit TunerEngine(const TunerConfig* config);
+    ~TunerEngine();
+    TunerEngine(const TunerEngine&) = delete;
+    TunerEngine& operator=(const TunerEngine&) = delete;
+
+    bool context_ready() const { return context_ready_; }
+
+    void configure(const TunerConfig& config);
+    int32_t start(const char* id_text);
+    int32_t stop();
+    void copy_status(TunerStatus* out);
+    // Lock-free; any thread. 1 copied, 0 nothing published or no stable copy.
+    int32_t copy_reading(TunerReading* out) const;
+    int32_t refresh_devices();
+    int32_t get_device(int32_t index, DeviceRecord* out) const;
+
+private:
+    // Audio thread: no locks, no allocation, no blocking.
+    static void on_data(ma_device* device, void* output, const void* input, ma_uint32 frames);
+    static void on_notification(const ma_device_notification* note);
+
+    int32_t open_device(const std::string& id_text);  // device lock held
+    void close_device();                               // device lock held
+    void worker();
+    void set_status(uint32_t state, int32_t result, int32_t backend);
+
+    ma_context context_{};
+    bool context_ready_ = false;
+    ma_device device_{};
+    bool device_open_ = false;
+    std::string selected_id_;
+
+    frame::DeviceCatalogue catalogue_{ma_device_type_capture};
+    frame::SampleRing<kRingCapacity> ring_;
+
+    std::mutex analyser_lock_;
+    PitchAnalyser analyser_;
+
+    frame::SeqLock<TunerReading> reading_;
+
+    std::mutex status_lock_;
+    TunerStatus status_{};
+
+    std::mutex device_lock_;
+    std::thread thread_;
+    std::atomic<bool> running_{false};
+    std::atomic<bool> capturing_{false};
+    std::atomic<bool> reopen_request_{false};
+    std::atomic<uint64_t> callbacks_{0};  // data callbacks seen, for stall detection
+
+    std::unique_ptr<float[]> scratch_;
+};
+
+}  // namespace ws::tuner
