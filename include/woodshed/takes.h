@@ -1,5 +1,21 @@
 /*
  * Woodshed take tools (ta_): delay analysis and leak removal on take WAV files.
+ *
+ * A take is what was recorded while a reference (the backing track) played.
+ * ta_analyze finds the delay at which the reference appears in the take;
+ * ta_clean removes the reference that leaked into the take's microphone and
+ * rewrites the take file in place.
+ *
+ * Files: 16-bit integer PCM WAV, mono or stereo (stereo is averaged to mono),
+ * also in the extensible format with the integer PCM sub-format. Both files
+ * must have the same sample rate; nothing is resampled. Paths are UTF-8.
+ *
+ * Threads: these calls take no lock and keep no state or instance; any
+ * thread may call them at any time, also several at once on different
+ * files. They block for the length of the work (file reading, analysis,
+ * and for ta_clean the rewrite, which may wait up to about 0.4 s for
+ * a file that another program holds). Two calls rewriting the same take at
+ * the same time are not guarded against.
  */
 #ifndef WOODSHED_TAKES_H
 #define WOODSHED_TAKES_H
@@ -12,6 +28,87 @@ extern "C" {
 
 /* Returns 1, the interface version (WS_ABI_VERSION). No lock; any thread. */
 WS_API int32_t ta_abi_version(void);
+
+/* Result of ta_analyze (32 bytes). All zero when the call failed; on success
+ * sample_rate is always filled in, and score, delay_frames and valid are 0
+ * when no analysis could be made (signals under a quarter second, an empty
+ * delay range, a silent reference). */
+typedef struct TakeAnalysis {
+    double score;          /* peak-to-background score of the coarse delay search; >= 8 counts as clear */
+    uint64_t reserved;     /* zero */
+    int64_t delay_frames;  /* take frame at which the reference's first used frame is heard */
+    uint32_t sample_rate;  /* common sample rate of the two files, Hz */
+    uint32_t valid;        /* 1 if score >= 8 and delay_frames lies in the requested range, else 0 */
+} TakeAnalysis;
+
+WS_STATIC_ASSERT(sizeof(TakeAnalysis) == 32, "TakeAnalysis is 32 bytes");
+WS_STATIC_ASSERT(offsetof(TakeAnalysis, score) == 0, "TakeAnalysis.score");
+WS_STATIC_ASSERT(offsetof(TakeAnalysis, reserved) == 8, "TakeAnalysis.reserved");
+WS_STATIC_ASSERT(offsetof(TakeAnalysis, delay_frames) == 16, "TakeAnalysis.delay_frames");
+WS_STATIC_ASSERT(offsetof(TakeAnalysis, sample_rate) == 24, "TakeAnalysis.sample_rate");
+WS_STATIC_ASSERT(offsetof(TakeAnalysis, valid) == 28, "TakeAnalysis.valid");
+
+/* Finds where the reference lies in the take.
+ *   reference_path       the backing track's WAV file (UTF-8), never written
+ *   take_path            the take's WAV file (UTF-8), never written
+ *   reference_offset_ms  where in the reference the take began (the start
+ *                        position the recording was made from); that much
+ *                        of the reference is skipped. Below 1: none.
+ *   min_delay_ms,
+ *   max_delay_ms         the range of delays to search, in ms at the files'
+ *                        rate; negative values mean the take leads.
+ *   out                  the result; cleared first (unless null)
+ * Returns 0 when the files were read, also when no analysis could be made
+ * (then valid is 0); -3 (ws_invalid_argument) if out is null (nothing
+ * written) or a path is null; -14 (ws_unsupported_format) if a file cannot
+ * be read or is not a supported WAV, if the rates differ, or if memory for
+ * the files runs out. No lock; any thread. */
+WS_API int32_t ta_analyze(const char* reference_path, const char* take_path,
+                          int32_t reference_offset_ms, int32_t min_delay_ms,
+                          int32_t max_delay_ms, TakeAnalysis* out);
+
+/* Result of ta_clean (32 bytes). All zero unless the call succeeded. */
+typedef struct TakeCleaning {
+    uint64_t reserved;     /* zero */
+    double reduction_db;   /* energy removed from the take: 10 log10(before / after) over the
+                              stretches where the reference sounds; 0 when nothing was removed */
+    int64_t delay_frames;  /* the delay passed in, unchanged */
+    uint32_t sample_rate;  /* common sample rate of the two files, Hz */
+    uint32_t cleaned;      /* 1 on success */
+} TakeCleaning;
+
+WS_STATIC_ASSERT(sizeof(TakeCleaning) == 32, "TakeCleaning is 32 bytes");
+WS_STATIC_ASSERT(offsetof(TakeCleaning, reserved) == 0, "TakeCleaning.reserved");
+WS_STATIC_ASSERT(offsetof(TakeCleaning, reduction_db) == 8, "TakeCleaning.reduction_db");
+WS_STATIC_ASSERT(offsetof(TakeCleaning, delay_frames) == 16, "TakeCleaning.delay_frames");
+WS_STATIC_ASSERT(offsetof(TakeCleaning, sample_rate) == 24, "TakeCleaning.sample_rate");
+WS_STATIC_ASSERT(offsetof(TakeCleaning, cleaned) == 28, "TakeCleaning.cleaned");
+
+/* Removes the leaked reference from the take and rewrites the take file.
+ *   reference_path       the backing track's WAV file (UTF-8), never written
+ *   take_path            the take's WAV file (UTF-8), replaced on success
+ *   reference_offset_ms  as for ta_analyze
+ *   delay_frames         the delay ta_analyze found (its delay_frames). The
+ *                        leak is modelled from 256 frames before it to 1791
+ *                        after; a leak outside that span stays in the take.
+ *   out                  the result; cleared first (unless null)
+ * The take is rewritten as mono 16-bit PCM at its rate (a stereo take
+ * becomes the mean of its channels). A clock drift of up to 400 ppm between
+ * the recordings is found and corrected in takes of 393216 frames or more.
+ * The new take goes to take_path + ".tawtmp" first and then replaces the old
+ * one, which is kept as take_path + ".tawbak" until the new one is in place:
+ * at every moment the take is on disk, old or new.
+ * Returns 0 on success, also for a silent reference (the take is rewritten
+ * with its content unchanged and reduction_db 0); -3 (ws_invalid_argument)
+ * if out is null (nothing written), a path is null, the take is shorter
+ * than 8192 frames or the reference is empty after the offset; -14
+ * (ws_unsupported_format) if a file cannot be read or is not a supported
+ * WAV, if the rates differ, if memory runs out, or if the take cannot be
+ * replaced (for example a read-only take, or one another program keeps
+ * open, for longer than the retries): the take file is then unchanged.
+ * No lock; any thread. */
+WS_API int32_t ta_clean(const char* reference_path, const char* take_path,
+                        int32_t reference_offset_ms, int64_t delay_frames, TakeCleaning* out);
 
 #ifdef __cplusplus
 }

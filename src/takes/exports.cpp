@@ -1,0 +1,106 @@
+// The ta_ exports: argument checks, loading, the core, the record. No lock
+// and no instance; everything is owned by the call. Nothing may throw across
+// the C boundary, so allocation failures become -14 here.
+#include <cstring>
+#include <new>
+#include <vector>
+
+#include "takes/analysis.hpp"
+#include "takes/cleaning.hpp"
+#include "takes/take_file.hpp"
+#include "woodshed/takes.h"
+
+namespace {
+
+using ws::takes::load_take_wav;
+using ws::takes::skip_frames;
+
+struct Loaded {
+    std::vector<float> reference, take;
+    uint32_t rate = 0;
+};
+
+// The take whole, then the reference from the offset at the take's rate.
+int32_t load_pair(const char* reference_path, const char* take_path, int32_t offset_ms, Loaded& l) {
+    uint32_t take_rate = 0, reference_rate = 0;
+    if (!load_take_wav(take_path, 0, l.take, take_rate)) return ws_unsupported_format;
+    if (!load_take_wav(reference_path, skip_frames(take_rate, offset_ms), l.reference,
+                       reference_rate)) {
+        return ws_unsupported_format;
+    }
+    if (take_rate != reference_rate) return ws_unsupported_format;
+    l.rate = take_rate;
+    return ws_ok;
+}
+
+int32_t analyze(const char* reference_path, const char* take_path, int32_t offset_ms,
+                int32_t min_ms, int32_t max_ms, TakeAnalysis* out) {
+    Loaded l;
+    const int32_t rc = load_pair(reference_path, take_path, offset_ms, l);
+    if (rc != ws_ok) return rc;
+    const auto found = ws::takes::find_delay(
+        l.reference.data(), l.reference.size(), l.take.data(), l.take.size(), l.rate,
+        ws::takes::ms_to_frames(l.rate, min_ms), ws::takes::ms_to_frames(l.rate, max_ms));
+    out->score = found.score;
+    out->delay_frames = found.delay_frames;
+    out->sample_rate = l.rate;
+    out->valid = found.valid ? 1u : 0u;
+    return ws_ok;
+}
+
+int32_t clean(const char* reference_path, const char* take_path, int32_t offset_ms,
+              int64_t delay_frames, TakeCleaning* out) {
+    Loaded l;
+    const int32_t rc = load_pair(reference_path, take_path, offset_ms, l);
+    if (rc != ws_ok) return rc;
+    ws::takes::CleanReport report;
+    if (!ws::takes::clean_take(l.reference.data(), l.reference.size(), l.take, delay_frames,
+                               report)) {
+        return ws_invalid_argument;
+    }
+    std::vector<float>().swap(l.reference);  // the writer needs only the take
+    if (!ws::takes::store_take_wav_safely(take_path, l.take.data(), l.take.size(),
+                                          static_cast<int32_t>(l.rate))) {
+        return ws_unsupported_format;
+    }
+    out->reduction_db = report.reduction_db;
+    out->delay_frames = delay_frames;
+    out->sample_rate = l.rate;
+    out->cleaned = 1;
+    return ws_ok;
+}
+
+}  // namespace
+
+extern "C" WS_API int32_t ta_analyze(const char* reference_path, const char* take_path,
+                                     int32_t reference_offset_ms, int32_t min_delay_ms,
+                                     int32_t max_delay_ms, TakeAnalysis* out) {
+    if (out == nullptr) return ws_invalid_argument;
+    std::memset(out, 0, sizeof *out);
+    if (reference_path == nullptr || take_path == nullptr) return ws_invalid_argument;
+    try {
+        const int32_t rc = analyze(reference_path, take_path, reference_offset_ms, min_delay_ms,
+                                   max_delay_ms, out);
+        if (rc != ws_ok) std::memset(out, 0, sizeof *out);
+        return rc;
+    } catch (const std::bad_alloc&) {
+        std::memset(out, 0, sizeof *out);
+        return ws_unsupported_format;
+    }
+}
+
+extern "C" WS_API int32_t ta_clean(const char* reference_path, const char* take_path,
+                                   int32_t reference_offset_ms, int64_t delay_frames,
+                                   TakeCleaning* out) {
+    if (out == nullptr) return ws_invalid_argument;
+    std::memset(out, 0, sizeof *out);
+    if (reference_path == nullptr || take_path == nullptr) return ws_invalid_argument;
+    try {
+        const int32_t rc = clean(reference_path, take_path, reference_offset_ms, delay_frames, out);
+        if (rc != ws_ok) std::memset(out, 0, sizeof *out);
+        return rc;
+    } catch (const std::bad_alloc&) {
+        std::memset(out, 0, sizeof *out);
+        return ws_unsupported_format;
+    }
+}
