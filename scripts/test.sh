@@ -16,13 +16,30 @@ stages=("$@")
 [ ${#stages[@]} -gt 0 ] || stages=(release asan tsan windows fuzz)
 
 summary=()
-run_preset() {  # configure, build and ctest one preset
+pulse_dir=""
+stop_pulse() {
+  if [ -n "$pulse_dir" ]; then
+    bash scripts/pulse-server.sh stop "$pulse_dir" || true
+    pulse_dir=""
+  fi
+}
+trap stop_pulse EXIT
+
+run_preset() {  # configure, build and ctest one preset against a private sound server
   local preset=$1
   echo "== $preset: build"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$jobs"
-  echo "== $preset: test"
-  ctest --preset "$preset" -j "$jobs"
+  echo "== $preset: test (private sound server with a null sink)"
+  pulse_dir="$PWD/build/$preset/pulse"
+  rm -rf "$pulse_dir"
+  # shellcheck disable=SC1091
+  source <(bash scripts/pulse-server.sh start "$pulse_dir")
+  export WOODSHED_REQUIRE_SOUND_SERVER=1
+  local status=0
+  ctest --preset "$preset" -j "$jobs" || status=$?
+  stop_pulse
+  [ $status -eq 0 ] || { echo "== $preset: FAILED (server log: $PWD/build/$preset/pulse/pulse.log)"; exit $status; }
   summary+=("$preset: passed")
 }
 

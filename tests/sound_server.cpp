@@ -1,0 +1,112 @@
+#include <thread>
+
+#include "sound_server.hpp"
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace ws::test {
+
+bool sound_server_expected() {
+#if defined(_WIN32)
+    // Under Wine the audio driver reaches the same server through the
+    // environment the test command exported.
+    return std::getenv("PULSE_SERVER") != nullptr || sound_server_required();
+#else
+    return std::getenv("PULSE_SERVER") != nullptr;
+#endif
+}
+
+bool sound_server_required() {
+    const char* v = std::getenv("WOODSHED_REQUIRE_SOUND_SERVER");
+    return v != nullptr && std::string(v) == "1";
+}
+
+#if !defined(_WIN32)
+int shell(const std::string& command) { return std::system((command + " >/dev/null 2>&1").c_str()); }
+
+std::string shell_output(const std::string& command) {
+    std::string out;
+    if (FILE* p = popen(command.c_str(), "r")) {
+        char buf[256];
+        while (fgets(buf, sizeof buf, p)) out += buf;
+        pclose(p);
+    }
+    while (!out.empty() && (out.back() == '\n' || out.back() == ' ')) out.pop_back();
+    return out;
+}
+
+void unload_null_sink() { shell("pactl unload-module module-null-sink"); }
+
+void restore_null_sink() {
+    if (shell("pactl list short sinks | grep -q woodshed_sink") != 0) {
+        shell("pactl load-module module-null-sink sink_name=woodshed_sink rate=48000 channels=2 "
+              "format=float32le sink_properties=device.description=Woodshed_null_sink");
+    }
+    if (shell("pactl list short modules | grep -q module-always-sink") != 0) {
+        shell("pactl load-module module-always-sink");
+    }
+    shell("pactl set-default-sink woodshed_sink");
+    shell("pactl set-default-source woodshed_sink.monitor");
+    // A fresh keep-alive: the old one may have been moved or killed with its sink.
+    std::system("pacat --playback --raw --format=float32le --rate=48000 --channels=2 "
+                "--latency-msec=50 --device=woodshed_sink </dev/zero >/dev/null 2>&1 &");
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+}
+
+void unload_all_sinks() {
+    shell("pactl unload-module module-always-sink");
+    shell("pactl unload-module module-null-sink");
+}
+#endif
+
+TonePlayer::TonePlayer() {
+    const ma_context_config cfg = ma_context_config_init();
+    context_ok_ = ma_context_init(nullptr, 0, &cfg, &context_) == MA_SUCCESS;
+}
+
+TonePlayer::~TonePlayer() {
+    stop();
+    if (context_ok_) ma_context_uninit(&context_);
+}
+
+bool TonePlayer::start(double frequency, double amplitude) {
+    stop();
+    if (!context_ok_) return false;
+    frequency_ = frequency;
+    amplitude_ = amplitude;
+    phase_ = 0.0;
+    ma_device_config cfg = ma_device_config_init(ma_device_type_playback);
+    cfg.playback.format = ma_format_f32;
+    cfg.playback.channels = 2;
+    cfg.sampleRate = 0;
+    cfg.periodSizeInMilliseconds = 10;
+    cfg.dataCallback = &TonePlayer::on_data;
+    cfg.pUserData = this;
+    if (ma_device_init(&context_, &cfg, &device_) != MA_SUCCESS) return false;
+    open_ = true;
+    return ma_device_start(&device_) == MA_SUCCESS;
+}
+
+void TonePlayer::stop() {
+    if (!open_) return;
+    ma_device_stop(&device_);
+    ma_device_uninit(&device_);
+    open_ = false;
+}
+
+void TonePlayer::on_data(ma_device* device, void* output, const void*, ma_uint32 frames) {
+    auto* self = static_cast<TonePlayer*>(device->pUserData);
+    auto* out = static_cast<float*>(output);
+    const double step = 2.0 * 3.14159265358979323846 * self->frequency_ / device->sampleRate;
+    for (ma_uint32 i = 0; i < frames; ++i) {
+        const float v = static_cast<float>(self->amplitude_ * std::sin(self->phase_));
+        out[2 * i] = v;
+        out[2 * i + 1] = v;
+        self->phase_ = std::fmod(self->phase_ + step, 2.0 * 3.14159265358979323846);
+    }
+}
+
+}  // namespace ws::test

@@ -1,0 +1,71 @@
+// Access to the private sound server the test command starts, and a tone
+// player on its default output, for tests of the live engines.
+#pragma once
+
+#include <miniaudio.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+
+namespace ws::test {
+
+// True when a test server is expected. Without one, device tests skip,
+// unless WOODSHED_REQUIRE_SOUND_SERVER=1 says they must run (the test
+// command sets it), in which case they fail.
+bool sound_server_expected();
+bool sound_server_required();
+
+#define WS_REQUIRE_SOUND_SERVER()                                                        \
+    do {                                                                                 \
+        if (!::ws::test::sound_server_expected()) {                                      \
+            if (::ws::test::sound_server_required()) FAIL() << "no test sound server";   \
+            GTEST_SKIP() << "no test sound server (scripts/pulse-server.sh)";            \
+        }                                                                                \
+    } while (0)
+
+#if !defined(_WIN32)
+// pactl and friends against the test server (Linux only). Each returns the
+// command's exit status or its trimmed output.
+int shell(const std::string& command);
+std::string shell_output(const std::string& command);
+// Removes the null sink (the stand-in sink of module-always-sink takes over).
+void unload_null_sink();
+// Loads the null sink again as default sink/source, with a keep-alive stream.
+void restore_null_sink();
+// Removes every sink, so no device can open.
+void unload_all_sinks();
+#endif
+
+// A sine played on the default output device through miniaudio.
+class TonePlayer {
+public:
+    TonePlayer();
+    ~TonePlayer();
+    bool start(double frequency, double amplitude = 0.5);
+    void stop();
+    double frequency() const { return frequency_; }
+
+private:
+    static void on_data(ma_device* device, void* output, const void* input, ma_uint32 frames);
+    ma_context context_{};
+    ma_device device_{};
+    bool context_ok_ = false;
+    bool open_ = false;
+    double frequency_ = 0.0;
+    double amplitude_ = 0.0;
+    double phase_ = 0.0;
+};
+
+// Polls `condition` every millisecond until it holds or `limit` passes.
+template <class Condition>
+bool wait_for(Condition&& condition, std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < end) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return condition();
+}
+
+}  // namespace ws::test
