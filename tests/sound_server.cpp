@@ -2,6 +2,7 @@
 
 #include "sound_server.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -107,6 +108,51 @@ void TonePlayer::on_data(ma_device* device, void* output, const void*, ma_uint32
         out[2 * i + 1] = v;
         self->phase_ = std::fmod(self->phase_ + step, 2.0 * 3.14159265358979323846);
     }
+}
+
+MonitorRecorder::MonitorRecorder() {
+    const ma_context_config cfg = ma_context_config_init();
+    context_ok_ = ma_context_init(nullptr, 0, &cfg, &context_) == MA_SUCCESS;
+}
+
+MonitorRecorder::~MonitorRecorder() {
+    stop();
+    if (context_ok_) ma_context_uninit(&context_);
+}
+
+bool MonitorRecorder::start(double max_seconds) {
+    stop();
+    if (!context_ok_) return false;
+    ma_device_config cfg = ma_device_config_init(ma_device_type_capture);
+    cfg.capture.format = ma_format_f32;
+    cfg.capture.channels = 1;
+    cfg.sampleRate = 0;
+    cfg.periodSizeInMilliseconds = 10;
+    cfg.dataCallback = &MonitorRecorder::on_data;
+    cfg.pUserData = this;
+    if (ma_device_init(&context_, &cfg, &device_) != MA_SUCCESS) return false;
+    open_ = true;
+    rate_ = device_.sampleRate;
+    samples_.assign(static_cast<size_t>(max_seconds * rate_), 0.0f);
+    used_ = 0;
+    return ma_device_start(&device_) == MA_SUCCESS;
+}
+
+void MonitorRecorder::stop() {
+    if (!open_) return;
+    ma_device_stop(&device_);
+    ma_device_uninit(&device_);
+    open_ = false;
+    samples_.resize(used_.load());
+}
+
+void MonitorRecorder::on_data(ma_device* device, void*, const void* input, ma_uint32 frames) {
+    auto* self = static_cast<MonitorRecorder*>(device->pUserData);
+    if (input == nullptr) return;
+    const size_t used = self->used_.load(std::memory_order_relaxed);
+    const size_t n = std::min<size_t>(frames, self->samples_.size() - used);
+    std::copy_n(static_cast<const float*>(input), n, self->samples_.data() + used);
+    self->used_.store(used + n, std::memory_order_release);
 }
 
 }  // namespace ws::test

@@ -7,6 +7,8 @@
 #include <atomic>
 #include <chrono>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace ws::test {
 
@@ -55,6 +57,29 @@ private:
     double frequency_ = 0.0;
     double amplitude_ = 0.0;
     double phase_ = 0.0;
+};
+
+// Records the default input (the null sink's monitor) as mono floats at the
+// device's rate into a buffer sized up front.
+class MonitorRecorder {
+public:
+    MonitorRecorder();
+    ~MonitorRecorder();
+    bool start(double max_seconds);
+    void stop();
+    // Valid after stop().
+    const std::vector<float>& samples() const { return samples_; }
+    uint32_t sample_rate() const { return rate_; }
+
+private:
+    static void on_data(ma_device* device, void* output, const void* input, ma_uint32 frames);
+    ma_context context_{};
+    ma_device device_{};
+    bool context_ok_ = false;
+    bool open_ = false;
+    uint32_t rate_ = 0;
+    std::vector<float> samples_;
+    std::atomic<size_t> used_{0};
 };
 
 // Polls `condition` every millisecond until it holds or `limit` passes.

@@ -206,6 +206,80 @@ WS_STATIC_ASSERT(offsetof(MetronomeSnapshot, reserved) == 76, "MetronomeSnapshot
 /* Returns 1, the interface version (WS_ABI_VERSION). No lock; any thread. */
 WS_API int32_t mn_abi_version(void);
 
+/*
+ * The live metronome. One instance per process: mn_create makes it,
+ * mn_destroy ends it. Every call below takes the metronome's family lock for
+ * its whole duration (calls are serialised; any host thread may make them);
+ * with no instance they return ws_not_created (-2), checked before pointer
+ * arguments. The instance runs a watchdog thread that reopens the playback
+ * device when the system stops or reroutes it (the same device, else the
+ * default) and restarts a playing click without count-in. The audio back
+ * end runs the render callback on its own thread. Commands (start, stop,
+ * pause, tempo, ...) reach the click at the start of the next audio block.
+ */
+
+/* Creates the metronome (stopped, 120 BPM, no device open yet).
+ * Returns 0; ws_already_created (-1); ws_backend_init_failed (-10) if no
+ * audio back end could be initialised (nothing kept). */
+WS_API int32_t mn_create(void);
+
+/* Stops the watchdog, closes the device, frees the instance. Blocks up to
+ * about 50 ms for the watchdog. Returns 0, or -2. */
+WS_API int32_t mn_destroy(void);
+
+/* Stores a range-checked copy of `config` for later starts and hands it to
+ * the click: at once when stopped, otherwise from the next bar line. Opens
+ * and starts nothing. Returns 0, -2, or -3 for NULL. */
+WS_API int32_t mn_configure(const MetronomeConfig* config);
+
+/* Starts the click from its count-in with a range-checked copy of `config`,
+ * opening the playback device first if it is not open. `device_id` (an
+ * id_text from mn_get_device; NULL keeps the previous choice, "" means the
+ * default) is stored; while the device is already open a new id is only
+ * used at the next reopen (mn_select_device or after a device event).
+ * Blocks while the device opens. Returns 0, -2, -3 for a NULL config, or the
+ * device error (-10, -11, -12, -13, -15) with nothing started. */
+WS_API int32_t mn_start(const MetronomeConfig* config, const char* device_id);
+
+/* Fades the click out over one audio block. The device stays open and plays
+ * silence. Returns 0 or -2. */
+WS_API int32_t mn_stop(void);
+
+/* Pauses the click, keeping its position; mn_resume continues from there.
+ * Return 0 or -2. */
+WS_API int32_t mn_pause(void);
+WS_API int32_t mn_resume(void);
+
+/* Sets the tempo in millionths of a beat per minute (120 BPM = 120000000),
+ * clamped to 10..400 BPM; cancels a running ramp. Returns 0 or -2. */
+WS_API int32_t mn_set_tempo(int64_t tempo_ubpm);
+
+/* Sets the output gain, clamped to 0..1 (NaN gives 0). Returns 0 or -2. */
+WS_API int32_t mn_set_master_gain(double gain);
+
+/* Chooses the playback device (NULL or "": the default; an unknown or
+ * malformed id also gives the default, see MetronomeStatus.used_default)
+ * and reopens it now; a playing click restarts on it without count-in.
+ * Blocks while the device opens. Returns 0, -2, or the device error. */
+WS_API int32_t mn_select_device(const char* device_id);
+
+/* Lists the playback devices afresh. Returns their number (0 or more), -2,
+ * -10 without an audio context, or a device error (previous list kept). */
+WS_API int32_t mn_refresh_devices(void);
+
+/* Copies the index-th playback device of the last refresh. Query
+ * convention: 1 if copied, 0 if the index is negative or past the end; -2;
+ * -3 for NULL. */
+WS_API int32_t mn_get_device(int32_t index, DeviceRecord* out);
+
+/* Copies the device status. Returns 0, -2, or -3 for NULL. */
+WS_API int32_t mn_get_status(MetronomeStatus* out);
+
+/* Copies the latest position snapshot without blocking the audio thread.
+ * Query convention: 1 if copied; 0 if no audio block has played yet or no
+ * consistent copy could be taken (try again); -2; -3 for NULL. */
+WS_API int32_t mn_get_snapshot(MetronomeSnapshot* out);
+
 /* Renders the click track that starting the metronome with `config` would
  * play, from its first frame, without any device: for previews and for
  * exporting a click track to a file.

@@ -1,0 +1,228 @@
+#include "metronome/engine.hpp"
+
+#include "frame/platform.hpp"
+#include "frame/realtime.hpp"
+#include "frame/result_map.hpp"
+#include "metronome/config.hpp"
+
+namespace ws::metronome {
+
+MetronomeEngine::MetronomeEngine() : stored_(initial_config()) {
+    status_.update_count = 1;
+    const ma_context_config cfg = ma_context_config_init();
+    const ma_result r = ma_context_init(nullptr, 0, &cfg, &context_);
+    context_ready_ = r == MA_SUCCESS;
+    if (!context_ready_) {
+        status_.device_state = mn_device_failed;
+        status_.last_result = ws_backend_init_failed;
+        status_.backend_result = r;
+        return;
+    }
+    worker_running_ = true;
+    thread_ = platform::start_thread([this] { watchdog(); });
+}
+
+MetronomeEngine::~MetronomeEngine() {
+    worker_running_ = false;
+    if (thread_.joinable()) thread_.join();
+    {
+        std::lock_guard<std::mutex> guard(control_);
+        close_device();
+    }
+    if (context_ready_) ma_context_uninit(&context_);
+}
+
+int32_t MetronomeEngine::configure(const MetronomeConfig& config) {
+    std::lock_guard<std::mutex> guard(control_);
+    stored_ = sanitise(config);
+    core_.configure(stored_);
+    return ws_ok;
+}
+
+int32_t MetronomeEngine::start(const MetronomeConfig& config, const char* id_text) {
+    std::lock_guard<std::mutex> guard(control_);
+    // A new id while the device plays is kept for the next reopen, on purpose.
+    if (id_text != nullptr) selected_id_ = id_text;
+    stored_ = sanitise(config);
+    if (!device_open_) {
+        const int32_t r = open_device();
+        if (r != ws_ok) return r;
+    }
+    core_.start(stored_);
+    started_ = true;
+    return ws_ok;
+}
+
+int32_t MetronomeEngine::stop() {
+    std::lock_guard<std::mutex> guard(control_);
+    core_.stop();
+    started_ = false;
+    return ws_ok;
+}
+
+// Every command producer holds the control mutex, the watchdog included, so
+// the core's queue always has a single producer.
+int32_t MetronomeEngine::pause() {
+    std::lock_guard<std::mutex> guard(control_);
+    core_.pause();
+    return ws_ok;
+}
+
+int32_t MetronomeEngine::resume() {
+    std::lock_guard<std::mutex> guard(control_);
+    core_.resume();
+    return ws_ok;
+}
+
+int32_t MetronomeEngine::set_tempo(int64_t ubpm) {
+    std::lock_guard<std::mutex> guard(control_);
+    stored_.tempo_ubpm = ubpm;  // the core clamps what it applies
+    core_.set_tempo(ubpm);
+    return ws_ok;
+}
+
+int32_t MetronomeEngine::set_master_gain(double gain) {
+    std::lock_guard<std::mutex> guard(control_);
+    stored_.master_gain = gain;
+    core_.set_master_gain(gain);
+    return ws_ok;
+}
+
+int32_t MetronomeEngine::select_device(const char* id_text) {
+    std::lock_guard<std::mutex> guard(control_);
+    selected_id_ = id_text != nullptr ? id_text : "";
+    const int32_t r = open_device();
+    if (r == ws_ok && started_) queue_start_without_count_in();
+    return r;
+}
+
+int32_t MetronomeEngine::refresh_devices() {
+    if (!context_ready_) return ws_backend_init_failed;
+    return catalogue_.refresh(&context_, frame::map_device_result_metronome);
+}
+
+int32_t MetronomeEngine::get_device(int32_t index, DeviceRecord* out) const {
+    return catalogue_.get(index, out);
+}
+
+void MetronomeEngine::copy_status(MetronomeStatus* out) {
+    std::lock_guard<std::mutex> guard(status_lock_);
+    *out = status_;
+}
+
+int32_t MetronomeEngine::copy_snapshot(MetronomeSnapshot* out) const {
+    return core_.read_snapshot(out) ? 1 : 0;
+}
+
+void MetronomeEngine::queue_start_without_count_in() {
+    MetronomeConfig resume = stored_;
+    resume.count_in_bars = 0;
+    core_.start(resume);
+}
+
+void MetronomeEngine::close_device() {
+    if (!device_open_) return;
+    closing_ = true;
+    // Stop first: it wakes the back end's loop even when its stream died
+    // silently, where uninit alone could wait for ever.
+    ma_device_stop(&device_);
+    ma_device_uninit(&device_);
+    device_open_ = false;
+    closing_ = false;
+}
+
+int32_t MetronomeEngine::open_device() {
+    if (!context_ready_) return ws_backend_init_failed;
+    close_device();
+
+    ma_device_id id;
+    const bool found = frame::resolve_listed_device(catalogue_, &context_, frame::map_device_result_metronome,
+                                                    selected_id_.c_str(), id);
+    ma_device_config cfg = ma_device_config_init(ma_device_type_playback);
+    cfg.playback.format = ma_format_f32;
+    cfg.playback.channels = 2;
+    cfg.playback.pDeviceID = found ? &id : nullptr;
+    cfg.sampleRate = 0;
+    cfg.periodSizeInMilliseconds = 6;
+    cfg.dataCallback = &MetronomeEngine::on_data;
+    cfg.notificationCallback = &MetronomeEngine::on_notification;
+    cfg.pUserData = this;
+
+    ma_result r = ma_device_init(&context_, &cfg, &device_);
+    if (r == MA_SUCCESS) {
+        device_open_ = true;
+        // The click tables follow the device's rate; built before the
+        // callback can run, so it never sees them change.
+        core_.prepare(device_.sampleRate);
+        r = ma_device_start(&device_);
+        if (r != MA_SUCCESS) close_device();
+    }
+    std::lock_guard<std::mutex> guard(status_lock_);
+    ++status_.update_count;
+    if (r != MA_SUCCESS) {
+        const int32_t code = frame::map_device_result_metronome(r);
+        status_.device_state = mn_device_failed;
+        status_.last_result = code;
+        status_.backend_result = r;
+        return code;
+    }
+    status_.device_state = mn_device_running;
+    status_.last_result = ws_ok;
+    status_.backend_result = 0;
+    status_.sample_rate = device_.sampleRate;
+    status_.channels = device_.playback.channels;
+    status_.used_default = found ? 0u : 1u;
+    return ws_ok;
+}
+
+void MetronomeEngine::on_data(ma_device* device, void* output, const void*, ma_uint32 frames) {
+    rt::CallbackScope scope;
+    auto* self = static_cast<MetronomeEngine*>(device->pUserData);
+    if (self == nullptr || output == nullptr) return;
+    self->core_.render(static_cast<float*>(output), frames, device->playback.channels);
+}
+
+void MetronomeEngine::on_notification(const ma_device_notification* note) {
+    auto* self = static_cast<MetronomeEngine*>(note->pDevice->pUserData);
+    if (self == nullptr) return;
+    switch (note->type) {
+        case ma_device_notification_type_stopped:
+        case ma_device_notification_type_rerouted:
+        case ma_device_notification_type_interruption_ended:
+            if (self->worker_running_.load() && !self->closing_.load()) self->device_lost_ = true;
+            break;
+        default: break;
+    }
+}
+
+void MetronomeEngine::watchdog() {
+    using clock = std::chrono::steady_clock;
+    while (worker_running_.load()) {
+        if (device_lost_.exchange(false)) {
+            std::lock_guard<std::mutex> guard(control_);
+            if (device_open_ || started_) {
+                {
+                    std::lock_guard<std::mutex> status(status_lock_);
+                    status_.device_state = mn_device_reopening;
+                    status_.last_result = ws_ok;
+                    status_.backend_result = 0;
+                    ++status_.update_count;
+                }
+                const bool was_started = started_;
+                int32_t r = open_device();
+                if (r != ws_ok) {
+                    const std::string keep = selected_id_;
+                    selected_id_.clear();
+                    r = open_device();
+                    selected_id_ = keep;
+                }
+                // The click resumes at once, from bar 0, without count-in.
+                if (r == ws_ok && was_started) queue_start_without_count_in();
+            }
+        }
+        const auto deadline = clock::now() + kWatchdogPeriod;
+        while (clock::now() < deadline && worker_running_.load()) std::this_thread::sleep_until(deadline);
+    }
+}
+
+}  // namespace ws::metronome
