@@ -19,6 +19,7 @@
 
 #include "frame/realtime.hpp"
 #include "sound_server.hpp"
+#include "woodshed/metronome.h"
 #include "woodshed/tuner.h"
 
 namespace {
@@ -114,6 +115,29 @@ TEST(RealTime, CaptureCallbackNeitherAllocatesNorLocksNorSleeps) {
     const long callbacks = g_callbacks.load();
     EXPECT_EQ(tn_engine_destroy(), ws_ok);
     EXPECT_GT(callbacks, 50);  // about 150 periods of 10 ms
+    EXPECT_EQ(g_violations.load(), 0);
+}
+
+TEST(RealTime, ClickCallbackNeitherAllocatesNorLocksNorSleeps) {
+    WS_REQUIRE_SOUND_SERVER();
+    ASSERT_EQ(mn_create(), ws_ok);
+    MetronomeConfig c{};
+    c.tempo_ubpm = 400000000;  // fast, with subdivisions and a second rhythm: many voices
+    c.beats_per_bar = 4;
+    c.subdivisions = 4;
+    c.master_gain = c.accent_gain = c.beat_gain = c.subdivision_gain = c.poly_gain = 0.5;
+    c.poly_pulses = 7;
+    for (auto& level : c.accent_pattern) level = 4;
+    ASSERT_EQ(mn_start(&c, nullptr), ws_ok);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    g_violations = 0;
+    g_callbacks = 0;
+    ws::rt::probe().store(&probe);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    ws::rt::probe().store(nullptr);
+    const long callbacks = g_callbacks.load();
+    EXPECT_EQ(mn_destroy(), ws_ok);
+    EXPECT_GT(callbacks, 100);  // 6 ms periods
     EXPECT_EQ(g_violations.load(), 0);
 }
 
