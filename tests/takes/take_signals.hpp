@@ -1,0 +1,88 @@
+// Signals and files with known answers for the take tools' tests: a
+// music-like reference, delays (whole and fractional), a short room-like
+// leak path, drift by resampling, and WAV files written byte by byte.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace ws::test::takes {
+
+// Three voices of harmonic notes with attack/decay envelopes, changing
+// every 0.1 to 0.4 s, over steeply low-passed noise (brushes, room): music-like,
+// band-limited (nothing above a quarter of the rate), peak around 0.5.
+std::vector<float> music(size_t n, double rate, unsigned seed);
+
+// Uniform white noise in [-amp, amp].
+std::vector<float> white(size_t n, double amp, unsigned seed);
+
+// y[t] = x(t - d), length n, zeros outside x. Whole delays copy samples;
+// fractional ones interpolate with a 64-tap windowed sinc, exact for
+// signals below a quarter of the rate to better than -80 dB.
+std::vector<float> delayed(const std::vector<float>& x, double d, size_t n);
+
+// y[t] = x((t - d) / stretch): the reference played stretch times slower
+// (stretch 1.0001: the take's clock runs 100 ppm fast) from frame d on.
+std::vector<float> stretched(const std::vector<float>& x, double stretch, double d, size_t n);
+
+// A short room: direct sound, a few reflections and a decaying tail, all
+// within the first 700 taps.
+std::vector<float> room_response(unsigned seed);
+
+// Direct convolution, same length as x.
+std::vector<float> convolve(const std::vector<float>& x, const std::vector<float>& h);
+
+// a + gain * b, elementwise (b may be shorter).
+std::vector<float> mix(const std::vector<float>& a, const std::vector<float>& b, float gain = 1.0f);
+
+double energy(const std::vector<float>& x, size_t from = 0, size_t to = SIZE_MAX);
+double energy_of_difference(const std::vector<float>& x, const std::vector<float>& y,
+                            size_t from = 0, size_t to = SIZE_MAX);
+double db(double ratio);
+
+// ---- files ----
+
+// A WAV file's bytes, chunk by chunk.
+struct WavBytes {
+    std::vector<uint8_t> bytes;
+    WavBytes& riff();                                          // "RIFF" size "WAVE" (size patched by finish)
+    WavBytes& chunk(const char id[4], const std::vector<uint8_t>& body, uint32_t declared_size);
+    WavBytes& chunk(const char id[4], const std::vector<uint8_t>& body);  // true size, padded
+    WavBytes& raw(const std::vector<uint8_t>& b);
+    WavBytes& finish();  // patches the RIFF size
+};
+
+std::vector<uint8_t> fmt_body(uint16_t tag, uint16_t channels, uint32_t rate, uint16_t bits,
+                              size_t size = 16, uint16_t sub_format = 1);
+std::vector<uint8_t> pcm16(const std::vector<int16_t>& values);
+
+// A canonical mono or stereo 16-bit file from floats (rounded, clamped).
+std::vector<uint8_t> wav16(const std::vector<float>& x, uint32_t rate, uint16_t channels = 1);
+
+// A directory of its own under the system's temporary directory, removed
+// with everything in it at destruction. Paths are UTF-8.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+    // Names of the entries, sorted.
+    std::vector<std::string> list() const;
+
+private:
+    std::string path_;
+};
+
+bool write_file(const std::string& path, const std::vector<uint8_t>& bytes);
+std::vector<uint8_t> read_file(const std::string& path);
+bool exists(const std::string& path);
+
+// Decodes a mono 16-bit canonical file (as the safe writer makes them).
+std::vector<int16_t> read_mono16(const std::string& path, uint32_t* rate = nullptr);
+
+}  // namespace ws::test::takes
