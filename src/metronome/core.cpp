@@ -120,14 +120,15 @@ void MetronomeCore::render(float* out, uint32_t frames, uint32_t channels) {
     const int64_t start = static_cast<int64_t>(frame_clock_);
     const int64_t end = start + frames;
     while (next_pulse_frame_ < end) {
+        if (beat_ == 0 && subdivision_ == 0) {
+            // A bar line: the finishing bar's second rhythm plays out up to
+            // it, then the new bar's grid starts on it.
+            play_poly(next_pulse_frame_, false, start);
+            realign_poly();
+        }
         // Second-rhythm clicks due up to this pulse go first, so that voice
         // order (and with it the stealing rule) follows time.
-        // (A bar line below may apply a pending configuration: read it afresh.)
-        while (config_.poly_pulses > 0 && poly_next_frame_ <= next_pulse_frame_ &&
-               poly_count_ < config_.poly_pulses) {
-            if (poly_next_frame_ >= start) sound_poly(poly_next_frame_ - start);
-            advance_poly();
-        }
+        play_poly(next_pulse_frame_, true, start);
         sound_pulse(next_pulse_frame_ - start);
         last_pulse_frame_ = next_pulse_frame_;
         last_bar_ = bar_;
@@ -144,10 +145,7 @@ void MetronomeCore::render(float* out, uint32_t frames, uint32_t channels) {
             }
         }
     }
-    while (config_.poly_pulses > 0 && poly_next_frame_ < end && poly_count_ < config_.poly_pulses) {
-        sound_poly(poly_next_frame_ - start);
-        advance_poly();
-    }
+    play_poly(end, false, start);
     voices_.mix(out, frames, channels, master_gain_);
     frame_clock_ = static_cast<uint64_t>(end);
     publish();
@@ -232,7 +230,7 @@ void MetronomeCore::apply_config(const MetronomeConfig& config, bool restart) {
     ramp_start_tempo_ = tempo_;
     rng_ = config_.random_seed != 0 ? config_.random_seed : kDefaultSeed;
     poly_next_frame_ = poly_remainder_ = poly_numerator_ = 0;
-    poly_count_ = 0;
+    poly_count_ = poly_grid_pulses_ = 0;  // the first pulse, a bar line, sets the grid
     voices_.silence_all();
     state_ = config_.count_in_bars >= 1 ? mn_state_count_in : mn_state_running;
     bar_start();
@@ -267,14 +265,37 @@ void MetronomeCore::advance_pulse() {
     }
 }
 
-void MetronomeCore::advance_poly() {
-    poly_next_frame_ += poly_numerator_ / poly_denominator_;
-    poly_remainder_ += poly_numerator_ % poly_denominator_;
-    if (poly_remainder_ >= poly_denominator_) {
-        poly_next_frame_ += 1;
-        poly_remainder_ -= poly_denominator_;
+void MetronomeCore::play_poly(int64_t limit, bool through_limit, int64_t block_start) {
+    while (poly_count_ < poly_grid_pulses_ &&
+           (poly_next_frame_ < limit || (through_limit && poly_next_frame_ == limit))) {
+        if (poly_next_frame_ >= block_start) {
+            // Its first pulse marks the bar with the accent sound.
+            click(poly_sound_, poly_count_ == 0, poly_gain_, poly_next_frame_ - block_start);
+        }
+        poly_next_frame_ += poly_numerator_ / poly_denominator_;
+        poly_remainder_ += poly_numerator_ % poly_denominator_;
+        if (poly_remainder_ >= poly_denominator_) {
+            poly_next_frame_ += 1;
+            poly_remainder_ -= poly_denominator_;
+        }
+        ++poly_count_;
     }
-    ++poly_count_;
+}
+
+void MetronomeCore::realign_poly() {
+    const MetronomeConfig& c = config_;
+    poly_grid_pulses_ = c.poly_pulses;
+    if (c.poly_pulses <= 0) return;
+    // The unswung bar split into poly_pulses equal parts, from this bar line.
+    poly_numerator_ = (pulse_numerator_ / 1000) * c.subdivisions * c.beats_per_bar;
+    poly_denominator_ = (pulse_denominator_ / 1000) * c.poly_pulses;
+    poly_next_frame_ = next_pulse_frame_;
+    poly_remainder_ = 0;
+    poly_count_ = 0;
+    // Taken now, with the bar: its clicks that fall after the bar's last
+    // pulse are still judged as this bar's.
+    poly_sound_ = c.poly_sound;
+    poly_gain_ = (bar_ < 0 || bar_muted_) ? 0.0 : c.poly_gain;
 }
 
 void MetronomeCore::bar_start() {
@@ -299,15 +320,6 @@ void MetronomeCore::bar_start() {
         tempo_ = tempo_ < c.ramp_target_ubpm ? std::min(tempo_ + step, c.ramp_target_ubpm)
                                              : std::max(tempo_ - step, c.ramp_target_ubpm);
         recompute_timing();
-    }
-
-    if (c.poly_pulses > 0) {
-        // The unswung bar split into poly_pulses equal parts, from this bar line.
-        poly_numerator_ = (pulse_numerator_ / 1000) * c.subdivisions * c.beats_per_bar;
-        poly_denominator_ = (pulse_denominator_ / 1000) * c.poly_pulses;
-        poly_next_frame_ = next_pulse_frame_;
-        poly_remainder_ = 0;
-        poly_count_ = 0;
     }
 }
 
@@ -341,11 +353,6 @@ void MetronomeCore::sound_pulse(int64_t offset) {
         case mn_level_normal: click(c.sound, false, c.beat_gain, offset); break;
         default: click(c.sound, false, c.subdivision_gain, offset); break;  // soft
     }
-}
-
-void MetronomeCore::sound_poly(int64_t offset) {
-    if (bar_ < 0 || bar_muted_) return;
-    click(config_.poly_sound, poly_count_ == 0, config_.poly_gain, offset);
 }
 
 void MetronomeCore::click(int32_t sound, bool accent, double gain, int64_t offset) {

@@ -117,9 +117,9 @@ private:
     void recompute_timing();
     void bar_start();
     void advance_pulse();
-    void advance_poly();
+    void realign_poly();
+    void play_poly(int64_t limit, bool through_limit, int64_t block_start);
     void sound_pulse(int64_t offset);
-    void sound_poly(int64_t offset);
     void click(int32_t sound, bool accent, double gain, int64_t offset);
     void publish();
 
@@ -167,12 +167,16 @@ private:
     uint32_t rng_ = kDefaultSeed;
     float master_gain_ = kInitialMasterGain;
 
-    // The second rhythm, realigned to every bar line.
+    // The second rhythm's grid for the current bar, laid on each bar line
+    // when the bar's first pulse is reached (see NOTES.md).
     int64_t poly_next_frame_ = 0;
     int64_t poly_remainder_ = 0;
     int64_t poly_numerator_ = 0;
     int64_t poly_denominator_ = 1;
     int32_t poly_count_ = 0;
+    int32_t poly_grid_pulses_ = 0;
+    int32_t poly_sound_ = 5;
+    double poly_gain_ = 0.0;  // 0 for a count-in or muted bar
 
     VoicePool voices_;
 

@@ -1,0 +1,743 @@
+// Beat scheduling, checked against arithmetic: pulse k of a steady tempo
+// starts on floor(k x frames-per-pulse) whatever the block sizes; swing,
+// count-in, accents, the gap trainer, the drop sequence, the second rhythm
+// and the ramps each produce the clicks (or tempos) worked out by hand here,
+// compared with the rendered audio sample by sample.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <vector>
+
+#include "click_track.hpp"
+#include "metronome/core.hpp"
+
+namespace {
+
+using ws::metronome::MetronomeCore;
+using ws::test::base_config;
+using ws::test::Click;
+using ws::test::expected_track;
+using ws::test::first_difference;
+using ws::test::pulse_frame;
+using ws::test::render_mono;
+using ws::test::snapshot;
+
+// Renders and discards `frames` frames in blocks of `block`.
+void advance(MetronomeCore& core, int64_t frames, uint32_t block = 480) {
+    std::vector<float> scratch(block);
+    for (int64_t done = 0; done < frames;) {
+        const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(block, frames - done));
+        core.render(scratch.data(), n, 1);
+        done += n;
+    }
+}
+
+// Runs until the snapshot shows the pulse at bar, beat as the last one played.
+void advance_to(MetronomeCore& core, int64_t bar, int32_t beat, uint32_t block = 64) {
+    std::vector<float> scratch(block);
+    for (int guard = 0; guard < 10000000; ++guard) {
+        core.render(scratch.data(), block, 1);
+        const MetronomeSnapshot s = snapshot(core);
+        if (s.bar == bar && s.beat == beat) return;
+    }
+    FAIL() << "never reached bar " << bar << " beat " << beat;
+}
+
+// ------------------------------------------------------------ pulse positions
+
+struct Grid {
+    int64_t rate, ubpm, subdivisions, divisor, multiplier;
+    // Voices are taken at the start of a block, so the clicks of one block
+    // must fit in the 24 voices for the track to be exact.
+    uint32_t max_block = 700;
+};
+
+const Grid kGrids[] = {
+    {48000, 120000000, 1, 1, 1},   // 24000 frames exactly
+    {44100, 100000000, 3, 1, 1},   // 8820 exactly
+    {44100, 110000000, 1, 1, 1},   // 24054.54...: lengths alternate, never drift
+    {96000, 137500000, 5, 2, 1},   // 4189.09...
+    {8000, 400000000, 12, 8, 1, 96},  // 12.5: the shortest pulse in range
+    {22050, 33333000, 2, 1, 2},    // slow, doubled beat
+    {192000, 61234567, 7, 3, 2},   // odd tempo: whole millibeats (61234) count
+};
+
+TEST(BeatScheduling, PulseKLandsOnItsExactFrameWhateverTheBlockSizes) {
+    for (const Grid& g : kGrids) {
+        for (uint32_t seed : {0u, 7u, 1234u}) {
+            SCOPED_TRACE(testing::Message() << g.rate << " Hz, " << g.ubpm << " ubpm, " << g.subdivisions
+                                            << " subdivisions, seed " << seed);
+            MetronomeCore core;
+            core.prepare(static_cast<double>(g.rate));
+            MetronomeConfig c = base_config();
+            c.tempo_ubpm = g.ubpm;
+            c.beats_per_bar = 3;
+            c.subdivisions = static_cast<int32_t>(g.subdivisions);
+            c.beat_divisor = static_cast<int32_t>(g.divisor);
+            c.beat_multiplier = static_cast<int32_t>(g.multiplier);
+            core.start(c);
+            auto at = [&](int64_t k) { return pulse_frame(k, g.rate, g.ubpm, g.subdivisions, g.divisor, g.multiplier); };
+
+            const int64_t frames = at(200) + 1;
+            std::vector<float> out(static_cast<size_t>(frames));
+            ws::test::BlockSizes sizes(seed, g.max_block);
+            int64_t k = 0;  // pulses played so far
+            for (int64_t done = 0; done < frames;) {
+                const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(sizes.next(), frames - done));
+                core.render(out.data() + done, n, 1);
+                done += n;
+                while (at(k) < done) ++k;
+                ASSERT_EQ(core.next_pulse_frame(), at(k)) << "after frame " << done;
+                ASSERT_EQ(core.last_pulse_frame(), at(k - 1)) << "after frame " << done;
+                const MetronomeSnapshot s = snapshot(core);
+                const int64_t per_bar = 3 * g.subdivisions;
+                ASSERT_EQ(s.bar, (k - 1) / per_bar);
+                ASSERT_EQ(s.beat, ((k - 1) % per_bar) / g.subdivisions);
+                ASSERT_EQ(s.subdivision, (k - 1) % g.subdivisions);
+                ASSERT_EQ(s.frame_clock, static_cast<uint64_t>(done));
+            }
+            std::vector<Click> clicks;
+            for (int64_t j = 0; j <= 200; ++j) {
+                clicks.push_back({at(j), 2, false, j % g.subdivisions == 0 ? 0.6 : 0.3});
+            }
+            const auto expect = expected_track(clicks, core.sound_bank(), 1.0f, out.size());
+            EXPECT_EQ(first_difference(out, expect), "");
+        }
+    }
+}
+
+TEST(BeatScheduling, SpecExamplesOfPulseLengths) {
+    EXPECT_EQ(pulse_frame(1, 48000, 120000000, 1), 24000);
+    EXPECT_EQ(pulse_frame(2, 48000, 120000000, 1), 48000);
+    EXPECT_EQ(pulse_frame(1, 44100, 100000000, 3), 8820);
+    EXPECT_EQ(pulse_frame(1, 8000, 400000000, 12), 100);
+    // 110 BPM at 44100 Hz: 24054.54... frames a beat, so lengths are 24054 or 24055.
+    MetronomeCore core;
+    core.prepare(44100);
+    MetronomeConfig c = base_config();
+    c.tempo_ubpm = 110000000;
+    core.start(c);
+    std::vector<float> block(512);
+    int64_t previous = 0;
+    std::map<int64_t, int> lengths;
+    for (int i = 0; i < 2000; ++i) {
+        core.render(block.data(), 512, 1);
+        if (core.last_pulse_frame() != previous) {
+            lengths[core.last_pulse_frame() - previous] += 1;
+            previous = core.last_pulse_frame();
+        }
+    }
+    EXPECT_EQ(lengths.size(), 2u);
+    EXPECT_TRUE(lengths.count(24054) && lengths.count(24055));
+}
+
+bool sanitized_build() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return true;
+#elif defined(__has_feature)
+#  if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+    return true;
+#  else
+    return false;
+#  endif
+#else
+    return false;
+#endif
+}
+
+TEST(BeatScheduling, TwentyFourHoursAt110BpmKeepExactPhase) {
+    // 24 h x 110 BPM = 158400 beats of 24054.54... frames: pulse 158400 falls
+    // exactly on frame 3810240000, the end of the run. Sanitizer builds, many
+    // times slower, run one hour (6600 beats, the next on 158760000).
+    const int64_t hours = sanitized_build() ? 1 : 24;
+    const int64_t rate = 44100, ubpm = 110000000;
+    const int64_t total = hours * 3600 * rate;
+    MetronomeCore core;
+    core.prepare(static_cast<double>(rate));
+    MetronomeConfig c = base_config();
+    c.tempo_ubpm = ubpm;
+    core.start(c);
+    std::vector<float> block(4096);
+    ws::test::BlockSizes sizes(99, 4096);
+    int64_t k = 0;
+    for (int64_t done = 0; done < total;) {
+        const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(sizes.next(), total - done));
+        core.render(block.data(), n, 1);
+        done += n;
+        while (pulse_frame(k, rate, ubpm, 1) < done) ++k;
+        if (core.next_pulse_frame() != pulse_frame(k, rate, ubpm, 1)) {
+            FAIL() << "pulse " << k << " at " << core.next_pulse_frame() << ", expected "
+                   << pulse_frame(k, rate, ubpm, 1);
+        }
+    }
+    EXPECT_EQ(k, hours * 6600);
+    EXPECT_EQ(core.next_pulse_frame(), total);
+    const MetronomeSnapshot s = snapshot(core);
+    EXPECT_EQ(s.frame_clock, static_cast<uint64_t>(total));
+    EXPECT_EQ(s.bar, (k - 1) / 4);
+    EXPECT_EQ(s.beat, 3);
+    EXPECT_EQ(s.bar_phase, 1.0);  // the last beat of a bar, played to its very end
+}
+
+// ------------------------------------------------------------------- swing
+
+TEST(BeatScheduling, SwingSplitsEachPairButKeepsItsLength) {
+    struct Row { int64_t rate, ubpm, subdivisions; double swing; };
+    const Row rows[] = {{48000, 120000000, 2, 0.66}, {44100, 110000000, 4, 0.6},
+                        {48000, 90000000, 6, 0.75}, {96000, 133000000, 2, 0.5004},  // rounds to 500: no swing
+                        {48000, 120000000, 3, 0.66}};  // odd: swing ignored
+    for (const Row& r : rows) {
+        SCOPED_TRACE(testing::Message() << r.rate << " Hz, " << r.subdivisions << " x " << r.swing);
+        MetronomeCore core;
+        core.prepare(static_cast<double>(r.rate));
+        MetronomeConfig c = base_config();
+        c.tempo_ubpm = r.ubpm;
+        c.subdivisions = static_cast<int32_t>(r.subdivisions);
+        c.swing = r.swing;
+        core.start(c);
+        const int64_t s = std::llround(r.swing * 1000);
+        const bool swung = r.subdivisions % 2 == 0 && s > 500;
+        // In thousandths of a pulse: pair p starts at 2000 p, its second pulse 2 s later.
+        auto at = [&](int64_t j) {
+            if (!swung) return pulse_frame(j, r.rate, r.ubpm, r.subdivisions);
+            const int64_t units = 2000 * (j / 2) + (j % 2) * 2 * s;
+            return units * r.rate * 60000 / (1000 * (r.ubpm / 1000) * r.subdivisions);
+        };
+        const int64_t frames = at(64);
+        const std::vector<float> out = render_mono(core, static_cast<size_t>(frames), 333, 5);
+        std::vector<Click> clicks;
+        for (int64_t j = 0; j < 64; ++j) clicks.push_back({at(j), 2, false, j % r.subdivisions == 0 ? 0.6 : 0.3});
+        EXPECT_EQ(first_difference(out, expected_track(clicks, core.sound_bank(), 1.0f, out.size())), "");
+        EXPECT_EQ(core.next_pulse_frame(), at(64));
+    }
+    // The worked example: 0.66 at 120 BPM, 48 kHz, two per beat.
+    auto first = [](int64_t j) { return 24000 * (j / 2) + (j % 2) * 15840; };
+    EXPECT_EQ(first(1) - first(0), 15840);
+    EXPECT_EQ(first(2) - first(1), 8160);
+}
+
+// --------------------------------------------------------- pattern and bars
+
+TEST(BeatScheduling, CountInPlaysAccentsOnBeatsWithNegativeBars) {
+    MetronomeCore core;
+    MetronomeConfig c = base_config();
+    c.count_in_bars = 2;
+    c.subdivisions = 2;
+    c.accent_pattern[0] = mn_level_silent;  // count-in ignores the pattern
+    core.start(c);
+    const int64_t pulse = 12000;
+    const int64_t frames = 24 * pulse + 1;
+    std::vector<float> out(static_cast<size_t>(frames));
+    int64_t k = 0;
+    std::map<int64_t, int> states_by_bar;
+    for (int64_t done = 0; done < frames;) {
+        const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(1000, frames - done));
+        core.render(out.data() + done, n, 1);
+        done += n;
+        while (k * pulse < done) ++k;
+        const MetronomeSnapshot s = snapshot(core);
+        EXPECT_EQ(s.bar, (k - 1) / 8 - 2) << done;
+        // Running from the moment the next pulse belongs to bar 0.
+        EXPECT_EQ(s.state, k >= 16 ? mn_state_running : mn_state_count_in) << done;
+    }
+    std::vector<Click> clicks;
+    for (int64_t j = 0; j <= 24; ++j) {
+        const bool count_in = j < 16, on_beat = j % 2 == 0;
+        if (count_in && on_beat) clicks.push_back({j * pulse, 2, true, 0.9});
+        if (!count_in && on_beat && (j / 2) % 4 != 0) clicks.push_back({j * pulse, 2, false, 0.6});
+        if (!count_in && !on_beat && (j / 2) % 4 != 0) clicks.push_back({j * pulse, 2, false, 0.3});
+    }
+    EXPECT_EQ(std::count_if(clicks.begin(), clicks.end(), [](const Click& x) { return x.accent; }), 8);
+    EXPECT_EQ(first_difference(out, expected_track(clicks, core.sound_bank(), 1.0f, out.size())), "");
+}
+
+TEST(BeatScheduling, AccentLevelsChooseSoundAndGain) {
+    struct Row { double subdivision_gain; bool subdivisions_sound; };
+    const Row rows[] = {{0.3, true}, {0.004, false}, {0.0041, true}};
+    for (const Row& r : rows) {
+        MetronomeCore core;
+        MetronomeConfig c = base_config();
+        c.beats_per_bar = 5;
+        c.subdivisions = 2;
+        c.subdivision_gain = r.subdivision_gain;
+        const uint8_t levels[5] = {4, 3, 2, 1, 0};
+        for (int i = 0; i < 5; ++i) c.accent_pattern[i] = levels[i];
+        c.accent_pattern[5] = 1;  // beat 5 does not exist in a 5-beat bar: never read
+        core.start(c);
+        const std::vector<float> out = render_mono(core, 2 * 10 * 12000, 256);
+        std::vector<Click> clicks;
+        for (int64_t j = 0; j < 20; ++j) {
+            const int64_t f = j * 12000;
+            const int beat = static_cast<int>((j / 2) % 5);
+            if (j % 2 == 1) {
+                if (beat != 4 && r.subdivisions_sound) clicks.push_back({f, 2, false, r.subdivision_gain});
+                continue;
+            }
+            switch (levels[beat]) {
+                case 4: clicks.push_back({f, 2, true, 0.9}); break;
+                case 3: clicks.push_back({f, 2, true, 0.9 * 0.7}); break;
+                case 2: clicks.push_back({f, 2, false, 0.6}); break;
+                case 1: clicks.push_back({f, 2, false, r.subdivision_gain}); break;  // soft beats still sound
+                default: break;
+            }
+        }
+        EXPECT_EQ(first_difference(out, expected_track(clicks, core.sound_bank(), 1.0f, out.size())), "")
+            << r.subdivision_gain;
+    }
+}
+
+TEST(BeatScheduling, GapTrainerSilencesItsBarsButNeverTheCountIn) {
+    MetronomeCore core;
+    MetronomeConfig c = base_config();
+    c.beats_per_bar = 2;
+    c.count_in_bars = 1;
+    c.play_bars = 2;
+    c.mute_bars = 1;
+    c.poly_pulses = 3;  // the second rhythm falls silent with the bar
+    core.start(c);
+    const int64_t beat = 24000, bar = 2 * beat;
+    std::map<int64_t, int32_t> muted;
+    std::vector<float> out(static_cast<size_t>(7 * bar));
+    for (int64_t done = 0; done < 7 * bar;) {
+        core.render(out.data() + done, 500, 1);
+        done += 500;
+        const MetronomeSnapshot s = snapshot(core);
+        // After a bar's first beat the flag describes that bar; after its last
+        // one it already describes the next.
+        if (s.beat == 0) muted[s.bar] = s.bar_muted;
+    }
+    const std::map<int64_t, int32_t> expect_muted = {{-1, 0}, {0, 0}, {1, 0}, {2, 1}, {3, 0}, {4, 0}, {5, 1}};
+    EXPECT_EQ(muted, expect_muted);
+    std::vector<Click> clicks;
+    for (int64_t b = -1; b <= 5; ++b) {
+        const int64_t start = (b + 1) * bar;
+        if (b < 0) {
+            clicks.push_back({start, 2, true, 0.9});
+            clicks.push_back({start + beat, 2, true, 0.9});
+            continue;
+        }
+        if (b % 3 == 2) continue;
+        clicks.push_back({start, 2, false, 0.6});
+        clicks.push_back({start + beat, 2, false, 0.6});
+        for (int64_t j = 0; j < 3; ++j) clicks.push_back({start + j * 16000, 5, j == 0, 0.45});
+    }
+    EXPECT_EQ(first_difference(out, expected_track(clicks, core.sound_bank(), 1.0f, out.size())), "");
+}
+
+uint32_t xorshift(uint32_t x) {
+    x ^= x << 13;
+    x ^= x >> 17;
+    x ^= x << 5;
+    return x;
+}
+
+TEST(BeatScheduling, RandomDropFollowsTheSeededSequence) {
+    struct Row { uint32_t seed; double probability; };
+    const Row rows[] = {{12345, 0.5}, {0, 0.5}, {0x9E3779B9u, 0.5}, {777, 0.25}, {42, 1.0}};
+    for (const Row& r : rows) {
+        SCOPED_TRACE(testing::Message() << "seed " << r.seed << ", p " << r.probability);
+        MetronomeCore core;
+        MetronomeConfig c = base_config();
+        c.subdivisions = 2;
+        c.count_in_bars = 1;  // count-in beats draw nothing
+        c.random_seed = r.seed;
+        c.drop_probability = r.probability;
+        c.accent_pattern[3] = mn_level_silent;  // silent beats draw nothing either
+        core.start(c);
+        const int64_t pulse = 12000, bars = 6;
+        const std::vector<float> out = render_mono(core, static_cast<size_t>((bars + 1) * 8 * pulse), 480, 3);
+        std::vector<Click> clicks;
+        uint32_t x = r.seed != 0 ? r.seed : 0x9E3779B9u;
+        int dropped = 0;
+        for (int64_t j = 0; j < 8; j += 2) clicks.push_back({j * pulse, 2, true, 0.9});
+        for (int64_t b = 0; b < bars; ++b) {
+            for (int64_t beat = 0; beat < 4; ++beat) {
+                if (beat == 3) continue;
+                x = xorshift(x);
+                if (r.probability > x / 4294967296.0) {
+                    ++dropped;
+                    continue;  // the beat and its subdivision
+                }
+                const int64_t f = (8 + b * 8 + beat * 2) * pulse;
+                clicks.push_back({f, 2, false, 0.6});
+                clicks.push_back({f + pulse, 2, false, 0.3});
+            }
+        }
+        if (r.probability < 1.0) {
+            EXPECT_GT(dropped, 0);
+            EXPECT_LT(dropped, bars * 3);
+        }
+        EXPECT_EQ(first_difference(out, expected_track(clicks, core.sound_bank(), 1.0f, out.size())), "");
+        // A new start replays the same sequence.
+        core.start(c);
+        EXPECT_EQ(first_difference(render_mono(core, out.size(), 480, 3), out), "");
+    }
+}
+
+TEST(BeatScheduling, SecondRhythmDividesEveryBarEvenly) {
+    struct Row { int64_t rate, ubpm; int32_t beats, subdivisions, poly; double swing; };
+    const Row rows[] = {{48000, 120000000, 4, 1, 3, 0.5},   // 96000-frame bars: 0, 32000, 64000
+                        {44100, 110000000, 3, 2, 7, 0.5},   // neither bar nor parts whole frames
+                        {48000, 100000000, 5, 3, 4, 0.7},
+                        {44100, 97000000, 4, 2, 5, 0.66},   // swing moves pulses, not the second rhythm
+                        {48000, 60000000, 1, 1, 32, 0.5},
+                        // More parts than beats: the last parts fall after the bar's last beat.
+                        {48000, 120000000, 4, 1, 5, 0.5},
+                        {48000, 90000000, 3, 1, 4, 0.5},
+                        {44100, 140000000, 2, 3, 3, 0.5}};
+    for (const Row& r : rows) {
+        SCOPED_TRACE(testing::Message() << r.rate << " Hz, " << r.poly << " over " << r.beats);
+        MetronomeCore core;
+        core.prepare(static_cast<double>(r.rate));
+        MetronomeConfig c = base_config();
+        c.tempo_ubpm = r.ubpm;
+        c.beats_per_bar = r.beats;
+        c.subdivisions = r.subdivisions;
+        c.swing = r.swing;
+        c.poly_pulses = r.poly;
+        for (auto& level : c.accent_pattern) level = mn_level_silent;  // only the second rhythm sounds
+        core.start(c);
+        const int64_t pulses_per_bar = r.beats * r.subdivisions;
+        const int64_t bars = 5;
+        const int64_t frames = pulse_frame(bars * pulses_per_bar, r.rate, r.ubpm, r.subdivisions);
+        const std::vector<float> out = render_mono(core, static_cast<size_t>(frames), 600, 11);
+        std::vector<Click> clicks;
+        for (int64_t b = 0; b < bars; ++b) {
+            const int64_t bar_start = pulse_frame(b * pulses_per_bar, r.rate, r.ubpm, r.subdivisions);
+            for (int64_t j = 0; j < r.poly; ++j) {
+                // j / poly of a bar of `beats` beats, from this bar's first frame.
+                const int64_t offset = j * r.rate * 60000 * r.beats / ((r.ubpm / 1000) * r.poly);
+                clicks.push_back({bar_start + offset, 5, j == 0, 0.45});
+            }
+        }
+        EXPECT_EQ(first_difference(out, expected_track(clicks, core.sound_bank(), 1.0f, out.size())), "");
+    }
+}
+
+// ------------------------------------------------------------------- ramps
+
+// Tempo of each bar as the snapshot shows it on the bar's second beat, and
+// the length of that beat.
+struct BarTempo {
+    int64_t tempo;
+    int64_t beat_length;
+};
+
+std::map<int64_t, BarTempo> tempos_by_bar(MetronomeCore& core, int64_t bars) {
+    std::map<int64_t, BarTempo> seen;
+    std::vector<float> block(256);
+    for (int guard = 0; guard < 5000000 && static_cast<int64_t>(seen.size()) < bars; ++guard) {
+        core.render(block.data(), 256, 1);
+        const MetronomeSnapshot s = snapshot(core);
+        if (s.beat == 1 && !seen.count(s.bar)) {
+            seen[s.bar] = {s.tempo_ubpm, core.next_pulse_frame() - core.last_pulse_frame()};
+        }
+    }
+    return seen;
+}
+
+TEST(BeatScheduling, RampsReachTheirTargetAndStay) {
+    struct Row { int32_t mode; int64_t from, to, step; int32_t interval; std::vector<int64_t> bpm_by_bar; };
+    const Row rows[] = {
+        {1, 100, 120, 4, 2, {100, 100, 104, 104, 108, 108, 112, 112, 116, 116, 120, 120, 120, 120}},
+        {1, 100, 110, 4, 1, {100, 104, 108, 110, 110, 110}},         // the last step stops at the target
+        {1, 120, 100, 8, 1, {120, 112, 104, 100, 100}},              // downwards
+        {1, 100, 120, 0, 3, {100, 100, 100, 104, 104, 104, 108}},    // step 0 means 4 BPM
+        {2, 100, 140, 0, 8, {100, 105, 110, 115, 120, 125, 130, 135, 140, 140, 140}},
+        {2, 140, 100, 0, 4, {140, 130, 120, 110, 100, 100}},
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(testing::Message() << "mode " << r.mode << ", " << r.from << " to " << r.to);
+        MetronomeCore core;
+        MetronomeConfig c = base_config();
+        c.tempo_ubpm = r.from * 1000000;
+        c.ramp_mode = r.mode;
+        c.ramp_target_ubpm = r.to * 1000000;
+        c.ramp_step_ubpm = r.step * 1000000;
+        c.ramp_interval_bars = r.interval;
+        core.start(c);
+        const auto seen = tempos_by_bar(core, static_cast<int64_t>(r.bpm_by_bar.size()));
+        for (size_t b = 0; b < r.bpm_by_bar.size(); ++b) {
+            ASSERT_TRUE(seen.count(static_cast<int64_t>(b)));
+            const BarTempo t = seen.at(static_cast<int64_t>(b));
+            EXPECT_EQ(t.tempo, r.bpm_by_bar[b] * 1000000) << "bar " << b;
+            // A beat of the bar lasts 60 s / BPM, within the one frame of rounding.
+            const double exact = 48000.0 * 60.0 / static_cast<double>(r.bpm_by_bar[b]);
+            EXPECT_LT(std::fabs(static_cast<double>(t.beat_length) - exact), 1.0) << "bar " << b;
+        }
+    }
+}
+
+TEST(BeatScheduling, ATempoCommandEndsARamp) {
+    MetronomeCore core;
+    MetronomeConfig c = base_config();
+    c.tempo_ubpm = 100000000;
+    c.ramp_mode = mn_ramp_linear;
+    c.ramp_target_ubpm = 140000000;
+    c.ramp_interval_bars = 8;
+    core.start(c);
+    advance_to(core, 2, 1);
+    EXPECT_EQ(snapshot(core).tempo_ubpm, 110000000);
+    core.set_tempo(90000000);
+    const auto seen = tempos_by_bar(core, 10);
+    EXPECT_EQ(core.active_config().ramp_mode, mn_ramp_none);
+    for (int64_t b = 3; b < 10; ++b) EXPECT_EQ(seen.at(b).tempo, 90000000) << b;
+    // A start with the ramp configured ramps again, from its own tempo.
+    core.start(c);
+    const auto again = tempos_by_bar(core, 3);
+    EXPECT_EQ(again.at(0).tempo, 100000000);
+    EXPECT_EQ(again.at(2).tempo, 110000000);
+}
+
+// ---------------------------------------------------- commands on the fly
+
+TEST(BeatScheduling, ConfigureWhileRunningWaitsForTheNextBarLine) {
+    MetronomeCore core;
+    core.start(base_config());  // 120 BPM, 4 beats, 24000-frame beats
+    const int64_t beat = 24000;
+    std::vector<float> out(static_cast<size_t>(16 * beat));
+    const int64_t pushed_at = 5 * beat + 1000;  // bar 1, just after its second beat
+    MetronomeConfig next = base_config();
+    next.tempo_ubpm = 90000000;  // 32000-frame beats, two pulses of 16000
+    next.subdivisions = 2;
+    next.sound = 1;
+    for (auto& level : next.accent_pattern) level = mn_level_accent;
+    for (int64_t done = 0; done < static_cast<int64_t>(out.size());) {
+        if (done == pushed_at) core.configure(next);
+        const int64_t n = std::min<int64_t>(done < pushed_at ? pushed_at - done : 1000,
+                                            static_cast<int64_t>(out.size()) - done);
+        core.render(out.data() + done, static_cast<uint32_t>(n), 1);
+        done += n;
+        const MetronomeSnapshot s = snapshot(core);
+        // Bar 2 begins, and the new settings with it, as soon as the last
+        // pulse of bar 1 (frame 168000) has been played.
+        if (done > pushed_at && done <= 7 * beat) {
+            EXPECT_TRUE(core.has_pending_config()) << done;
+            EXPECT_EQ(s.tempo_ubpm, 120000000) << done;
+        }
+        if (done > 7 * beat) {
+            EXPECT_FALSE(core.has_pending_config()) << done;
+            EXPECT_EQ(s.tempo_ubpm, 90000000) << done;
+        }
+    }
+    std::vector<Click> clicks;
+    for (int64_t j = 0; j < 8; ++j) clicks.push_back({j * beat, 2, false, 0.6});
+    // Bar 2 starts where the old tempo put it; the new pulse length runs from there.
+    for (int64_t j = 0; 8 * beat + j * 16000 < static_cast<int64_t>(out.size()); ++j) {
+        clicks.push_back({8 * beat + j * 16000, 1, j % 2 == 0, j % 2 == 0 ? 0.9 : 0.3});
+    }
+    EXPECT_EQ(first_difference(out, expected_track(clicks, core.sound_bank(), 1.0f, out.size())), "");
+}
+
+TEST(BeatScheduling, ConfiguringALinearRampOnTheFlyKeepsClimbing) {
+    MetronomeCore core;
+    MetronomeConfig c = base_config();
+    c.tempo_ubpm = 100000000;
+    c.ramp_mode = mn_ramp_linear;
+    c.ramp_target_ubpm = 140000000;
+    c.ramp_interval_bars = 8;
+    core.start(c);
+    advance_to(core, 3, 1);
+    EXPECT_EQ(snapshot(core).tempo_ubpm, 115000000);
+    MetronomeConfig next = c;
+    next.tempo_ubpm = 60000000;  // ignored on the fly while a ramp is configured
+    next.sound = 4;
+    core.configure(next);
+    const auto seen = tempos_by_bar(core, 7);
+    EXPECT_EQ(seen.at(4).tempo, 120000000);
+    EXPECT_EQ(seen.at(5).tempo, 125000000);
+    EXPECT_EQ(core.active_config().sound, 4);
+}
+
+TEST(BeatScheduling, ConfigureWhileStoppedAppliesAtOnce) {
+    MetronomeCore core;
+    MetronomeConfig c = base_config();
+    c.tempo_ubpm = 77000000;
+    core.configure(c);
+    float block[32];
+    core.render(block, 32, 1);
+    EXPECT_FALSE(core.has_pending_config());
+    EXPECT_EQ(core.tempo_ubpm(), 77000000);
+    EXPECT_EQ(core.active_config().sound, 2);
+    EXPECT_EQ(core.master_gain(), MetronomeCore::kInitialMasterGain);  // waits for a start
+    EXPECT_EQ(snapshot(core).state, mn_state_stopped);
+}
+
+TEST(BeatScheduling, PauseAndResumeKeepThePosition) {
+    MetronomeConfig c = base_config();
+    c.subdivisions = 3;
+    c.count_in_bars = 1;
+    MetronomeCore reference, paused;
+    reference.start(c);
+    paused.start(c);
+    const int64_t total = 12 * 24000;
+    const std::vector<float> expect = render_mono(reference, static_cast<size_t>(total), 480);
+    // Pause at 2880 frames after a pulse (sound 2 is 960 long, nothing is cut).
+    const int64_t pause_at = 30 * 8000 + 2880;
+    std::vector<float> got = render_mono(paused, static_cast<size_t>(pause_at), 480);
+    paused.pause();
+    std::vector<float> block(480);
+    for (int i = 0; i < 25; ++i) {
+        paused.render(block.data(), 480, 1);
+        for (float s : block) ASSERT_EQ(s, 0.0f);
+        const MetronomeSnapshot s = snapshot(paused);
+        ASSERT_EQ(s.state, mn_state_paused);
+        ASSERT_EQ(s.frame_clock, static_cast<uint64_t>(pause_at));
+    }
+    paused.resume();
+    const std::vector<float> rest = render_mono(paused, static_cast<size_t>(total - pause_at), 480);
+    got.insert(got.end(), rest.begin(), rest.end());
+    EXPECT_EQ(first_difference(got, expect, 0.0f), "");
+    EXPECT_EQ(snapshot(paused).state, mn_state_running);
+}
+
+TEST(BeatScheduling, PauseCutsSoundingClicksAndResumeReturnsToTheCountIn) {
+    MetronomeCore core;
+    MetronomeConfig c = base_config();
+    c.count_in_bars = 2;
+    core.start(c);
+    advance(core, 100, 100);  // inside the first click
+    EXPECT_EQ(core.voices().active_count(), 1);
+    core.pause();
+    advance(core, 64, 64);
+    EXPECT_EQ(core.voices().active_count(), 0);
+    core.resume();
+    advance(core, 64, 64);
+    EXPECT_EQ(snapshot(core).state, mn_state_count_in);
+    core.resume();  // resuming what is not paused changes nothing
+    advance(core, 64, 64);
+    EXPECT_EQ(snapshot(core).state, mn_state_count_in);
+}
+
+TEST(BeatScheduling, StopFadesOverExactlyOneBlock) {
+    for (uint32_t block : {1u, 64u, 256u, 517u}) {
+        MetronomeCore reference, stopped;
+        MetronomeConfig c = base_config();
+        c.sound = 4;  // long enough to still sound when the stop comes
+        reference.start(c);
+        stopped.start(c);
+        advance(reference, 24100, 100);
+        advance(stopped, 24100, 100);
+        stopped.stop();
+        std::vector<float> a(block * 2), b(block * 2);
+        reference.render(a.data(), block, 2);
+        stopped.render(b.data(), block, 2);
+        bool any = false;
+        for (uint32_t i = 0; i < block; ++i) {
+            const float scale = 1.0f - static_cast<float>(i) / static_cast<float>(block);
+            for (uint32_t ch = 0; ch < 2; ++ch) ASSERT_EQ(b[i * 2 + ch], a[i * 2 + ch] * scale) << block << " " << i;
+            any |= a[i * 2] != 0.0f;
+        }
+        EXPECT_TRUE(any);
+        EXPECT_EQ(b[0], a[0]);
+        MetronomeSnapshot s = snapshot(stopped);
+        EXPECT_EQ(s.state, mn_state_stopped);
+        EXPECT_EQ(s.frame_clock, 24100u);  // the fade block does not move the clock
+        EXPECT_EQ(stopped.voices().active_count(), 0);
+        stopped.render(b.data(), block, 2);
+        for (float x : b) ASSERT_EQ(x, 0.0f);
+    }
+}
+
+TEST(BeatScheduling, StopWhilePausedIsSilentAtOnce) {
+    MetronomeCore core;
+    core.start(base_config());
+    advance(core, 100, 100);
+    core.pause();
+    core.stop();  // both drained before the next block: paused, then stopped at once
+    std::vector<float> block(256);
+    core.render(block.data(), 256, 1);
+    for (float s : block) EXPECT_EQ(s, 0.0f);
+    EXPECT_EQ(snapshot(core).state, mn_state_stopped);
+    core.stop();  // stopping what is stopped is harmless
+    core.render(block.data(), 256, 1);
+    EXPECT_EQ(snapshot(core).state, mn_state_stopped);
+}
+
+TEST(BeatScheduling, AFullQueueReplacesTheNewestCommand) {
+    MetronomeCore core;
+    core.start(base_config());
+    advance(core, 64, 64);
+    for (int i = 0; i < 31; ++i) EXPECT_FALSE(core.push({5, 60000000 + i, 0.0, {}}));
+    EXPECT_FALSE(core.push({2, 0, 0.0, {}}));                 // stop: the 32nd waiting command
+    EXPECT_TRUE(core.push({5, 99000000, 0.0, {}}));           // replaces the stop
+    advance(core, 64, 64);
+    EXPECT_EQ(snapshot(core).state, mn_state_running);
+    EXPECT_EQ(core.tempo_ubpm(), 99000000);
+}
+
+TEST(BeatScheduling, UnknownCommandsAreSkipped) {
+    MetronomeCore core;
+    core.start(base_config());
+    core.push({0, 0, 0.0, {}});
+    core.push({8, 5, 0.5, {}});
+    core.push({0xFFFFFFFF, 5, 0.5, {}});
+    core.set_tempo(61000000);
+    advance(core, 64, 64);
+    EXPECT_EQ(core.tempo_ubpm(), 61000000);
+    EXPECT_EQ(snapshot(core).state, mn_state_running);
+}
+
+// ----------------------------------------------------------------- snapshot
+
+TEST(MetronomeSnapshotRecord, NothingIsPublishedBeforeTheFirstBlock) {
+    MetronomeCore core;
+    MetronomeSnapshot s;
+    EXPECT_FALSE(core.read_snapshot(&s));
+    float block[8];
+    core.render(nullptr, 8, 1);
+    core.render(block, 0, 1);
+    core.render(block, 8, 0);
+    EXPECT_FALSE(core.read_snapshot(&s));
+    core.render(block, 8, 1);
+    ASSERT_TRUE(core.read_snapshot(&s));
+    EXPECT_EQ(s.publish_count, 1u);
+    EXPECT_EQ(s.run_id, 0u);
+    EXPECT_EQ(s.state, mn_state_stopped);
+    EXPECT_EQ(s.tempo_ubpm, 120000000);
+    EXPECT_EQ(s.sample_rate, 48000);
+    EXPECT_EQ(s.reserved, 0);
+}
+
+TEST(MetronomeSnapshotRecord, PhasesFollowThePositionInBeatAndBar) {
+    struct Row { int64_t at; int32_t beats; double beat_phase, bar_phase; int32_t beat, subdivision; };
+    // 120 BPM, 48 kHz, two pulses of 12000 frames per beat.
+    const Row rows[] = {
+        {30000, 4, 0.25, 0.3125, 1, 0},  // half way through the first pulse of beat 1
+        {42000, 4, 0.75, 0.4375, 1, 1},  // half way through its second pulse
+        {6000, 1, 0.25, 0.25, 0, 0},     // one beat per bar: bar phase is beat phase
+        {1, 4, 1.0 / 24000, 1.0 / 96000, 0, 0},
+    };
+    for (const Row& r : rows) {
+        MetronomeCore core;
+        MetronomeConfig c = base_config();
+        c.subdivisions = 2;
+        c.beats_per_bar = r.beats;
+        core.start(c);
+        advance(core, r.at, 1000);
+        const MetronomeSnapshot s = snapshot(core);
+        EXPECT_DOUBLE_EQ(s.beat_phase, r.beat_phase) << r.at;
+        EXPECT_DOUBLE_EQ(s.bar_phase, r.bar_phase) << r.at;
+        EXPECT_EQ(s.beat, r.beat) << r.at;
+        EXPECT_EQ(s.subdivision, r.subdivision) << r.at;
+        EXPECT_EQ(s.frame_clock, static_cast<uint64_t>(r.at));
+    }
+}
+
+TEST(MetronomeSnapshotRecord, EveryStartCountsAndResetsTheClock) {
+    MetronomeCore core;
+    float block[100];
+    for (uint64_t run = 1; run <= 3; ++run) {
+        core.start(base_config());
+        core.render(block, 100, 1);
+        core.render(block, 100, 1);
+        const MetronomeSnapshot s = snapshot(core);
+        EXPECT_EQ(s.run_id, run);
+        EXPECT_EQ(s.frame_clock, 200u);
+        EXPECT_EQ(s.publish_count, 2 * run);
+    }
+}
+
+}  // namespace
