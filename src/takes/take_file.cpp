@@ -277,11 +277,28 @@ bool store_take_wav_safely(const char* path, const float* samples, uint64_t coun
     }
     if (!written) return false;
 
+    // An existing take is moved aside only if it could be written: renaming
+    // ignores the read-only attribute on Windows (and file modes on POSIX),
+    // and a take its owner protected must not be replaced behind their back.
+    // A file another program holds fails the same check, and is retried.
+    std::FILE* probe = ops.open(path, "rb");
+    const bool existed = probe != nullptr;
+    if (probe != nullptr) std::fclose(probe);
     ops.remove(backup.c_str());
     bool moved = false;
     for (int attempt = 0; attempt < kAttempts && !moved; ++attempt) {
-        moved = ops.rename(path, backup.c_str());
+        bool writable = true;
+        if (existed) {
+            std::FILE* w = ops.open(path, "r+b");
+            writable = w != nullptr;
+            if (w != nullptr) std::fclose(w);
+        }
+        moved = writable && ops.rename(path, backup.c_str());
         if (!moved) ops.sleep_ms(kRetrySleepMs);
+    }
+    if (existed && !moved) {
+        ops.remove(temp.c_str());
+        return false;
     }
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         if (ops.rename(temp.c_str(), path)) {

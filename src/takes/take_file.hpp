@@ -52,9 +52,10 @@ inline constexpr int kRetrySleepMs = 20;
 // Writes `count` samples as a mono 16-bit WAV at `rate` to path + ".tawtmp",
 // then swaps it in: the old file goes to path + ".tawbak", the new one takes
 // its name, the backup is removed. Each open and rename is tried 10 times,
-// 20 ms apart. On failure the old file is back under its name and the
-// temporary is gone (only a failing final restore leaves the old file under
-// the backup name). Each sample x becomes lrint(clamp(x * 32767)), with
+// 20 ms apart. An existing file that cannot be opened for writing (read-only,
+// or held by another program throughout) is not replaced. On failure the old
+// file is back under its name and the temporary is gone (only a failing
+// final restore leaves the old file under the backup name). Each sample x becomes lrint(clamp(x * 32767)), with
 // NaN and everything at or above full scale giving 32767 and the low end
 // clamped at -32768. Never throws.
 bool store_take_wav_safely(const char* path, const float* samples, uint64_t count, int32_t rate,

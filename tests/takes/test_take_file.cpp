@@ -16,6 +16,7 @@
 #  include <linux/fs.h>
 #  include <sys/ioctl.h>
 #  include <sys/stat.h>
+#  include <sys/wait.h>
 #  include <unistd.h>
 #endif
 #if defined(_WIN32)
@@ -296,6 +297,7 @@ TEST(TakeWriter, RefusesMissingArgumentsWithoutTouchingTheDisk) {
 struct Faults {
     int failing_opens = 0;              // the first n opens fail
     bool unwritable_temp = false;       // the temporary opens but refuses writes
+    bool read_only_take = false;        // the take cannot be opened for writing
     int failing_moves_aside = 0;        // take -> backup
     int failing_puts_in_place = 0;      // temporary -> take
     bool failing_restore = false;       // backup -> take
@@ -316,6 +318,7 @@ Faults* g_faults = nullptr;
 
 std::FILE* fault_open(const char* path, const char* mode) {
     Faults& f = *g_faults;
+    if (f.read_only_take && path == f.take && std::string(mode) != "rb") return nullptr;
     if (f.failing_opens > 0) {
         --f.failing_opens;
         return nullptr;
@@ -365,26 +368,26 @@ TEST(TakeReplacement, TheTakeIsAlwaysOldOrNewAndNoTemporaryStays) {
         int failing_opens;
         bool unwritable;
         int failing_moves, failing_puts;
-        bool failing_restore;
+        bool failing_restore, read_only;
         bool result;
         int sleeps;
         const char* on_disk;  // "new", "old", or "old as backup"
     };
     const Row rows[] = {
-        {"replace an existing take", true, false, 0, false, 0, 0, false, true, 0, "new"},
-        {"a stale backup is replaced too", true, true, 0, false, 0, 0, false, true, 0, "new"},
-        {"no take yet: ten tries to move it aside", false, false, 0, false, 0, 0, false, true, 10, "new"},
-        {"temporary opens on the tenth try", true, false, 9, false, 0, 0, false, true, 9, "new"},
-        {"temporary never opens", true, false, kAlways, false, 0, 0, false, false, 10, "old"},
-        {"temporary cannot be written", true, false, 0, true, 0, 0, false, false, 0, "old"},
-        {"take moves aside on the last try", true, false, 0, false, 9, 0, false, true, 9, "new"},
-        {"take never moves aside, new one cannot replace it", true, false, 0, false, kAlways, kAlways, false,
-         false, 20, "old"},
-        {"directory refuses the new name: old one restored", true, false, 0, false, 0, kAlways, false, false, 10,
-         "old"},
-        {"new one in place on the last try", true, false, 0, false, 0, 9, false, true, 9, "new"},
-        {"restore fails too: old one stays as the backup", true, false, 0, false, 0, kAlways, true, false, 10,
-         "old as backup"},
+        {"replace an existing take", true, false, 0, false, 0, 0, false, false, true, 0, "new"},
+        {"a stale backup is replaced too", true, true, 0, false, 0, 0, false, false, true, 0, "new"},
+        {"no take yet: ten tries to move it aside", false, false, 0, false, 0, 0, false, false, true, 10, "new"},
+        {"temporary opens on the tenth try", true, false, 9, false, 0, 0, false, false, true, 9, "new"},
+        {"temporary never opens", true, false, kAlways, false, 0, 0, false, false, false, 10, "old"},
+        {"temporary cannot be written", true, false, 0, true, 0, 0, false, false, false, 0, "old"},
+        {"take moves aside on the last try", true, false, 0, false, 9, 0, false, false, true, 9, "new"},
+        {"take never moves aside: not replaced", true, false, 0, false, kAlways, 0, false, false, false, 10, "old"},
+        {"directory refuses the new name: old one restored", true, false, 0, false, 0, kAlways, false, false,
+         false, 10, "old"},
+        {"new one in place on the last try", true, false, 0, false, 0, 9, false, false, true, 9, "new"},
+        {"read-only take: not replaced", true, false, 0, false, 0, 0, false, true, false, 10, "old"},
+        {"restore fails too: old one stays as the backup", true, false, 0, false, 0, kAlways, true, false,
+         false, 10, "old as backup"},
     };
     const std::vector<float> samples = {0.5f, -0.25f, 0.125f};
     std::vector<uint8_t> new_bytes;
@@ -410,6 +413,7 @@ TEST(TakeReplacement, TheTakeIsAlwaysOldOrNewAndNoTemporaryStays) {
         f.failing_moves_aside = r.failing_moves;
         f.failing_puts_in_place = r.failing_puts;
         f.failing_restore = r.failing_restore;
+        f.read_only_take = r.read_only;
         f.new_bytes = new_bytes;
         if (r.has_old) {
             ASSERT_TRUE(s::write_file(f.take, f.old_bytes));
@@ -430,7 +434,7 @@ TEST(TakeReplacement, TheTakeIsAlwaysOldOrNewAndNoTemporaryStays) {
             EXPECT_FALSE(s::exists(f.backup));
         } else if (on_disk == "old") {
             EXPECT_EQ(s::read_file(f.take), f.old_bytes);
-            EXPECT_EQ(s::exists(f.backup), r.stale_backup);
+            EXPECT_FALSE(s::exists(f.backup));
         } else {
             EXPECT_FALSE(s::exists(f.take));
             EXPECT_EQ(s::read_file(f.backup), f.old_bytes);
@@ -478,15 +482,38 @@ TEST(TakeReplacement, AnImmutableTakeIsLeftAsItWas) {
     set_immutable(take, false);
 }
 
+// Root may change any directory, so as root the attempt runs in a child
+// process that has given up its privileges first.
 TEST(TakeReplacement, ADirectoryThatRefusesChangesLeavesTheTake) {
-    if (::geteuid() == 0) GTEST_SKIP() << "root may change any directory";
     s::TempDir dir;
     const std::string take = dir.file("take.wav");
     const auto old_bytes = s::wav16({0.1f, 0.2f, 0.3f}, 44100);
     ASSERT_TRUE(s::write_file(take, old_bytes));
+    const std::vector<float> x(100, 0.25f);
+    if (::geteuid() != 0) {
+        ASSERT_EQ(::chmod(dir.path().c_str(), 0555), 0);
+        expect_refused_and_untouched(dir, take, old_bytes);
+        ::chmod(dir.path().c_str(), 0755);
+        return;
+    }
+    constexpr uid_t kNobody = 65534;
+    ASSERT_EQ(::chown(dir.path().c_str(), kNobody, kNobody), 0);
+    ASSERT_EQ(::chown(take.c_str(), kNobody, kNobody), 0);
     ASSERT_EQ(::chmod(dir.path().c_str(), 0555), 0);
-    expect_refused_and_untouched(dir, take, old_bytes);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (::setgid(kNobody) != 0 || ::setuid(kNobody) != 0) ::_exit(2);
+        const bool stored = store_take_wav_safely(take.c_str(), x.data(), x.size(), 44100);
+        ::_exit(stored ? 1 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
     ::chmod(dir.path().c_str(), 0755);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "1: stored anyway, 2: could not drop privileges";
+    EXPECT_EQ(s::read_file(take), old_bytes);
+    EXPECT_EQ(dir.list(), std::vector<std::string>{"take.wav"});
 }
 
 TEST(TakeReplacement, AFullDiskLeavesTheTake) {
