@@ -9,10 +9,17 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 #include <miniaudio.h>
 
 #if defined(_WIN32)
+#  ifndef NOMINMAX
+#    define NOMINMAX
+#  endif
+#  ifndef WIN32_LEAN_AND_MEAN
+#    define WIN32_LEAN_AND_MEAN
+#  endif
 #  include <io.h>
 #  include <windows.h>
 #else
@@ -120,27 +127,37 @@ void Options::expect_positionals(size_t count, std::string_view what) const {
     }
 }
 
-double parse_number(std::string_view option, std::string_view text, double lo, double hi) {
+namespace {
+// The whole text as one finite number, or nothing.
+std::optional<double> to_number(std::string_view text) {
     const std::string s(text);
+    if (s.empty()) return std::nullopt;
     char* end = nullptr;
     errno = 0;
-    const double v = s.empty() ? NAN : std::strtod(s.c_str(), &end);
-    const bool parsed = !s.empty() && end == s.c_str() + s.size() && errno != ERANGE;
-    if (!parsed || !std::isfinite(v) || v < lo || v > hi) {
-        throw UsageError("--" + std::string(option) + " wants a number from " + format_limit(lo) +
-                         " to " + format_limit(hi) + ", not '" + s + "'");
-    }
+    const double v = std::strtod(s.c_str(), &end);
+    if (end != s.c_str() + s.size() || errno == ERANGE || !std::isfinite(v)) return std::nullopt;
     return v;
+}
+}  // namespace
+
+double parse_number(std::string_view option, std::string_view text, double lo, double hi) {
+    const auto v = to_number(text);
+    if (!v || *v < lo || *v > hi) {
+        throw UsageError("--" + std::string(option) + " wants a number from " + format_limit(lo) +
+                         " to " + format_limit(hi) + ", not '" + std::string(text) + "'");
+    }
+    return *v;
 }
 
 std::pair<double, double> parse_range(std::string_view option, std::string_view text) {
     const auto dots = text.find("..");
-    if (dots == std::string_view::npos) {
-        throw UsageError("--" + std::string(option) + " wants LOW..HIGH, not '" +
+    const auto lo = dots == std::string_view::npos ? std::nullopt : to_number(text.substr(0, dots));
+    const auto hi = dots == std::string_view::npos ? std::nullopt : to_number(text.substr(dots + 2));
+    if (!lo || !hi) {
+        throw UsageError("--" + std::string(option) + " wants LOW..HIGH, two numbers, not '" +
                          std::string(text) + "'");
     }
-    return {parse_number(option, text.substr(0, dots), -HUGE_VAL, HUGE_VAL),
-            parse_number(option, text.substr(dots + 2), -HUGE_VAL, HUGE_VAL)};
+    return {*lo, *hi};
 }
 
 // ---- notes -------------------------------------------------------------
@@ -180,6 +197,16 @@ std::optional<int> note_from_text(std::string_view text) {
     const int midi = (octave + 1) * 12 + semitone;
     if (midi < 0 || midi > 127) return std::nullopt;
     return midi;
+}
+
+int parse_note(std::string_view option, std::string_view text) {
+    const auto midi = note_from_text(text);
+    if (!midi) {
+        throw UsageError("--" + std::string(option) +
+                         " wants a note name like E2, F#3 or Bb3, or a MIDI number 0..127, not '" +
+                         std::string(text) + "'");
+    }
+    return *midi;
 }
 
 std::string note_name(int midi) {
@@ -241,7 +268,23 @@ AudioReader::AudioReader(const std::string& path, uint32_t min_rate, uint32_t ma
         throw Failure("cannot decode '" + path + "': " + reason);
     };
     ma_result r = open_decoder(path, 0, &impl_->decoder);
-    if (r != MA_SUCCESS) fail(decode_reason(r));
+    if (r != MA_SUCCESS) {
+        // The decoders' own answer is vague for these (an empty file reads as
+        // "does not exist"), so look at the file itself.
+#if defined(_WIN32)
+        const std::filesystem::path native(widen(path));
+#else
+        const std::filesystem::path native(path);
+#endif
+        std::error_code ec;
+        const auto status = std::filesystem::status(native, ec);
+        if (std::filesystem::is_directory(status)) fail("is a directory");
+        if (std::filesystem::is_regular_file(status)) {
+            if (std::filesystem::file_size(native, ec) == 0 && !ec) fail("empty file");
+            if (r == MA_DOES_NOT_EXIST) r = MA_INVALID_FILE;
+        }
+        fail(decode_reason(r));
+    }
     impl_->open = true;
 
     ma_format format{};
@@ -299,37 +342,57 @@ void remove_file(const std::string& path) {
 #endif
 }
 
-bool stderr_is_terminal() {
+bool is_terminal(FILE* stream) {
 #if defined(_WIN32)
-    return _isatty(_fileno(stderr)) != 0;
+    return _isatty(_fileno(stream)) != 0;
 #else
-    return isatty(STDERR_FILENO) != 0;
+    return isatty(fileno(stream)) != 0;
 #endif
 }
 
-Progress::Progress() : enabled_(stderr_is_terminal()) {}
+namespace {
+int64_t now_ms() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+}  // namespace
+
+Progress::Progress()
+    : enabled_(is_terminal(stderr)), shares_screen_(enabled_ && is_terminal(stdout)),
+      start_ms_(now_ms()) {}
 
 Progress::~Progress() { clear(); }
 
-void Progress::show(const std::string& text) {
+void Progress::show(const std::string& text, bool now_or_never) {
     if (!enabled_) return;
-    const int64_t now = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            std::chrono::steady_clock::now().time_since_epoch())
-                            .count();
-    if (last_ms_ >= 0 && now - last_ms_ < 100) return;
+    const int64_t now = now_ms();
+    // Quick jobs never show a status line; long ones update it ten times a second.
+    if (!now_or_never) {
+        if (now - start_ms_ < 300) return;
+        if (last_ms_ >= 0 && now - last_ms_ < 100) return;
+    }
     last_ms_ = now;
     // Pad over a longer previous text instead of relying on terminal escapes,
     // which not every Windows console honours.
-    std::string line = "\r" + text;
+    std::string line(1, '\r');
+    line += text;
     if (text.size() < shown_) line.append(shown_ - text.size(), ' ');
     std::fputs(line.c_str(), stderr);
     std::fflush(stderr);
     shown_ = text.size();
 }
 
+void Progress::make_room() {
+    if (shares_screen_) clear();
+}
+
 void Progress::clear() {
     if (!enabled_ || shown_ == 0) return;
-    std::fputs(("\r" + std::string(shown_, ' ') + "\r").c_str(), stderr);
+    std::string blank(shown_ + 2, ' ');
+    blank.front() = '\r';
+    blank.back() = '\r';
+    std::fputs(blank.c_str(), stderr);
     std::fflush(stderr);
     shown_ = 0;
     last_ms_ = -1;

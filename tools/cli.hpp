@@ -89,6 +89,10 @@ std::pair<double, double> parse_range(std::string_view option, std::string_view 
 // when the text is neither or lies outside 0..127.
 std::optional<int> note_from_text(std::string_view text);
 
+// note_from_text for an option's value; a UsageError naming the option when
+// the text is not a note.
+int parse_note(std::string_view option, std::string_view text);
+
 // Sharps spelling with octave, MIDI 69 = "A4", 0 = "C-1"; "--" for -1 (or any
 // value outside 0..127).
 std::string note_name(int midi);
@@ -135,21 +139,27 @@ FILE* open_file(const std::string& path, const char* mode);
 // remove() for a UTF-8 path; failures are ignored (used to drop partial output).
 void remove_file(const std::string& path);
 
-bool stderr_is_terminal();
+bool is_terminal(FILE* stream);
 
-// Status line on stderr that rewrites itself; cleared before anything else is
-// printed and at destruction. Does nothing unless stderr is a terminal.
+// Status line on stderr that rewrites itself. Does nothing unless stderr is a
+// terminal; call make_room() before printing to stdout so the two don't mix
+// on one screen.
 class Progress {
 public:
     Progress();
     ~Progress();
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
-    void show(const std::string& text);  // rate-limited
+    // Rate-limited; `now_or_never` is for a step that runs long without
+    // updates of its own and shows its text at once.
+    void show(const std::string& text, bool now_or_never = false);
+    void make_room();
     void clear();
 
 private:
     bool enabled_;
+    bool shares_screen_;
+    int64_t start_ms_;
     size_t shown_ = 0;
     int64_t last_ms_ = -1;
 };

@@ -34,17 +34,33 @@ std::vector<float> pluck(double f0, double seconds, uint32_t rate) {
         const double w = 2.0 * std::numbers::pi * k * f0 / rate;
         const double phase = 0.7 * k * k;
         const double decay = std::exp(-1.0 / (tau * rate));
-        double env = amp;
-        for (size_t i = 0; i < n; ++i) {
-            mix[i] += env * std::sin(w * static_cast<double>(i) + phase);
-            env *= decay;
+        // A rotating phasor, re-anchored to exact values every block so the
+        // rounding of the recursion cannot build up over long tones.
+        const double cw = std::cos(w), sw = std::sin(w);
+        constexpr size_t kBlock = 4096;
+        for (size_t start = 0; start < n; start += kBlock) {
+            const double at = w * static_cast<double>(start) + phase;
+            double re = std::cos(at), im = std::sin(at);
+            double env = amp * std::exp(-static_cast<double>(start) / (tau * rate));
+            for (size_t i = start; i < std::min(n, start + kBlock); ++i) {
+                mix[i] += env * im;
+                const double next_re = re * cw - im * sw;
+                im = im * cw + re * sw;
+                re = next_re;
+                env *= decay;
+            }
         }
     }
-    // A 2 ms attack and a 10 ms release keep the ends free of clicks.
+    // 2 ms ramps keep the ends free of clicks; longer fades would bend the
+    // pitch the tuner sees in the last analysis window.
     const size_t attack = std::min(n, static_cast<size_t>(0.002 * rate) + 1);
-    const size_t release = std::min(n, static_cast<size_t>(0.010 * rate) + 1);
-    for (size_t i = 0; i < attack; ++i) mix[i] *= static_cast<double>(i) / attack;
-    for (size_t i = 0; i < release; ++i) mix[n - 1 - i] *= static_cast<double>(i) / release;
+    const size_t release = attack;
+    for (size_t i = 0; i < attack; ++i) {
+        mix[i] *= static_cast<double>(i) / static_cast<double>(attack);
+    }
+    for (size_t i = 0; i < release; ++i) {
+        mix[n - 1 - i] *= static_cast<double>(i) / static_cast<double>(release);
+    }
 
     double peak = 0.0;
     for (double v : mix) peak = std::max(peak, std::fabs(v));
@@ -112,14 +128,7 @@ int run_tone(std::span<const std::string> args) {
     }
     opts.expect_positionals(1, "an output file OUT.wav");
     int midi = 45;  // A2
-    if (auto v = opts.value("note")) {
-        const auto parsed = note_from_text(*v);
-        if (!parsed) {
-            throw UsageError("--note wants a note name like E2, F#3 or Bb3, or a MIDI number "
-                             "0..127, not '" + *v + "'");
-        }
-        midi = *parsed;
-    }
+    if (auto v = opts.value("note")) midi = parse_note("note", *v);
     const auto number = [&](const char* name, double lo, double hi, double fallback) {
         const auto v = opts.value(name);
         return v ? parse_number(name, *v, lo, hi) : fallback;

@@ -6,10 +6,10 @@
 // tracking and smoothing to settle, which keeps the total work linear in the
 // file length. The closing line analyses the whole file in one call.
 #include <algorithm>
-#include <cinttypes>
 #include <climits>
 #include <cmath>
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,12 +20,14 @@ namespace cli {
 namespace {
 
 constexpr OptionSpec kSpecs[] = {
-    {"a4", true},   {"note", true},  {"range", true},      {"tolerance", true},
-    {"slow", false}, {"every", true}, {"context", true},   {"final-only", false},
+    {"a4", true},    {"note", true},  {"range", true},   {"tolerance", true},
+    {"slow", false}, {"every", true}, {"context", true}, {"final-only", false},
 };
 
-constexpr uint32_t kMinRate = 8000;   // the tuner analyses other rates as 48 kHz,
-constexpr uint32_t kMaxRate = 384000; // so such files are resampled to it first
+// The tuner analyses any rate outside these as if it were 48 kHz, so such
+// files are resampled to 48 kHz on the way in.
+constexpr uint32_t kMinRate = 8000;
+constexpr uint32_t kMaxRate = 384000;
 constexpr uint32_t kFallbackRate = 48000;
 constexpr int32_t kMaxChannels = 32;
 
@@ -56,25 +58,21 @@ std::string describe(const TunerReading& r) {
 
 TunerConfig config_from(const Options& opts) {
     TunerConfig cfg{440.0, 55.0, 1200.0, 5.0, -1, 0};
+    // Out-of-range settings are refused here rather than left to the library,
+    // which would quietly replace them with its defaults.
     if (auto v = opts.value("a4")) cfg.a4_hz = parse_number("a4", *v, 400, 480);
-    if (auto v = opts.value("tolerance")) cfg.tolerance_cents = parse_number("tolerance", *v, 0.5, 25);
+    if (auto v = opts.value("tolerance")) {
+        cfg.tolerance_cents = parse_number("tolerance", *v, 0.5, 25);
+    }
     if (auto v = opts.value("range")) {
         const auto [lo, hi] = parse_range("range", *v);
         if (lo < 20 || lo > 200) throw UsageError("--range: LOW must be from 20 to 200 Hz");
         if (hi < 200 || hi > 5000) throw UsageError("--range: HIGH must be from 200 to 5000 Hz");
-        // The detector needs more than half an octave to work with.
         if (1.5 * lo >= hi) throw UsageError("--range: HIGH must be more than 1.5 x LOW");
         cfg.lowest_hz = lo;
         cfg.highest_hz = hi;
     }
-    if (auto v = opts.value("note")) {
-        const auto midi = note_from_text(*v);
-        if (!midi) {
-            throw UsageError("--note wants a note name like E2, F#3 or Bb3, or a MIDI number "
-                             "0..127, not '" + *v + "'");
-        }
-        cfg.fixed_note = *midi;
-    }
+    if (auto v = opts.value("note")) cfg.fixed_note = parse_note("note", *v);
     cfg.slow_smoothing = opts.flag("slow") ? 1 : 0;
     return cfg;
 }
@@ -87,8 +85,30 @@ bool analyse(const TunerConfig& cfg, const std::vector<float>& audio, size_t cha
     const int32_t result = tn_offline_process(&cfg, audio.data() + begin * channels,
                                               static_cast<int32_t>(frames),
                                               static_cast<int32_t>(channels), rate, &out);
-    if (result < 0) throw Failure("the tuner rejected the audio (error " + std::to_string(result) + ")");
+    if (result < 0) {
+        throw Failure("the tuner rejected the audio (error " + std::to_string(result) + ")");
+    }
     return result == 1;
+}
+
+void print_header(const std::string& path, const AudioReader& reader, const TunerConfig& cfg) {
+    const std::string target =
+        cfg.fixed_note >= 0 ? "target " + note_name(cfg.fixed_note) : "chromatic";
+    const std::string resampled =
+        reader.file_sample_rate() != reader.sample_rate()
+            ? " (resampled from " + std::to_string(reader.file_sample_rate()) + " Hz)"
+            : "";
+    char length[32] = "";
+    if (auto len = reader.length_frames()) {
+        std::snprintf(length, sizeof length, "%.3f s, ",
+                      static_cast<double>(*len) / reader.sample_rate());
+    }
+    const uint32_t channels = reader.channels();
+    std::printf("%s: %s%u Hz%s, %u channel%s; A4 %.2f Hz, %s, %g..%g Hz, "
+                "tolerance %g cents%s\n",
+                path.c_str(), length, reader.sample_rate(), resampled.c_str(), channels,
+                channels == 1 ? "" : "s", cfg.a4_hz, target.c_str(), cfg.lowest_hz,
+                cfg.highest_hz, cfg.tolerance_cents, cfg.slow_smoothing ? ", slow" : "");
 }
 
 int run_tune(std::span<const std::string> args) {
@@ -99,95 +119,96 @@ int run_tune(std::span<const std::string> args) {
     }
     opts.expect_positionals(1, "an audio FILE");
     const TunerConfig cfg = config_from(opts);
-    const double every = opts.value("every") ? parse_number("every", *opts.value("every"), 0.01, 3600) : 0.25;
-    const double context = opts.value("context") ? parse_number("context", *opts.value("context"), 0.1, 60) : 2.0;
+    const auto number = [&](const char* name, double lo, double hi, double fallback) {
+        const auto v = opts.value(name);
+        return v ? parse_number(name, *v, lo, hi) : fallback;
+    };
+    const double every = number("every", 0.01, 3600, 0.25);
+    const double context = number("context", 0.1, 60, 2.0);
     const bool timeline = !opts.flag("final-only");
     const std::string& path = opts.positionals()[0];
 
     install_interrupt_handler();
     AudioReader reader(path, kMinRate, kMaxRate, kFallbackRate);
     const size_t channels = reader.channels();
-    if (reader.channels() > static_cast<uint32_t>(kMaxChannels)) {
+    if (channels > static_cast<size_t>(kMaxChannels)) {
         throw Failure("'" + path + "' has " + std::to_string(channels) +
                       " channels; the tuner takes at most 32");
     }
     const double rate = reader.sample_rate();
     const auto context_frames = static_cast<size_t>(std::llround(context * rate));
+    const auto seconds_of = [rate](size_t frames) { return static_cast<double>(frames) / rate; };
 
     std::vector<float> audio;
-    if (auto len = reader.length_frames()) audio.reserve(static_cast<size_t>(*len) * channels);
-
-    {
-        const std::string target =
-            cfg.fixed_note >= 0 ? "target " + note_name(cfg.fixed_note) : "chromatic";
-        const std::string resampled =
-            reader.file_sample_rate() != reader.sample_rate()
-                ? " (resampled from " + std::to_string(reader.file_sample_rate()) + " Hz)"
-                : "";
-        std::printf("%s: %u Hz%s, %zu channel%s; A4 %.2f Hz, %s, %g..%g Hz, tolerance %g cents%s\n",
-                    path.c_str(), reader.sample_rate(), resampled.c_str(), channels,
-                    channels == 1 ? "" : "s", cfg.a4_hz, target.c_str(), cfg.lowest_hz,
-                    cfg.highest_hz, cfg.tolerance_cents, cfg.slow_smoothing ? ", slow" : "");
+    // Trust the declared length for the allocation only within reason: a
+    // damaged header may claim anything.
+    const std::optional<uint64_t> declared = reader.length_frames();
+    if (declared && *declared * channels <= (uint64_t{1} << 28)) {
+        audio.reserve(static_cast<size_t>(*declared) * channels);
     }
 
-    Progress progress;
-    const double total_seconds = reader.length_frames() ? static_cast<double>(*reader.length_frames()) / rate : 0.0;
+    // Read before printing anything, so a file without audio fails cleanly.
     const size_t block = 16384;
+    size_t got = reader.read(audio, block);
+    if (got == 0) throw Failure("cannot decode '" + path + "': no audio in the file");
+    print_header(path, reader, cfg);
+
+    Progress progress;
     size_t decoded = 0;
     uint64_t next_report = 1;
-    bool at_end = false;
-    while (!at_end) {
-        const size_t got = reader.read(audio, block);
+    for (;;) {
         decoded += got;
-        at_end = got == 0;
-        while (timeline) {
+        // Every report whose moment has been decoded by now.
+        while (timeline && !interrupted()) {
             const double t = static_cast<double>(next_report) * every;
             const auto end = static_cast<size_t>(std::llround(t * rate));
             if (end > decoded) break;
             TunerReading r{};
-            if (analyse(cfg, audio, channels, rate, end > context_frames ? end - context_frames : 0, end, r)) {
-                progress.clear();
-                std::printf("%8.3fs  %s\n", t, describe(r).c_str());
+            const size_t begin = end > context_frames ? end - context_frames : 0;
+            if (analyse(cfg, audio, channels, rate, begin, end, r)) {
+                progress.make_room();
+                std::printf("%7.3fs  %s\n", t, describe(r).c_str());
             }
             ++next_report;
-            if (interrupted()) break;
         }
         if (interrupted()) {
             progress.clear();
             std::fflush(stdout);
             std::fprintf(stderr, "woodshed: interrupted after %.3f s of '%s'\n",
-                         static_cast<double>(decoded) / rate, path.c_str());
+                         seconds_of(decoded), path.c_str());
             return kExitInterrupted;
         }
+        if (got == 0) break;
         char status[96];
-        if (total_seconds > 0) {
+        if (declared) {
+            const double total = seconds_of(static_cast<size_t>(*declared));
             std::snprintf(status, sizeof status, "tune: %.1f of %.1f s (%.0f%%)",
-                          static_cast<double>(decoded) / rate, total_seconds,
-                          100.0 * static_cast<double>(decoded) / rate / total_seconds);
+                          seconds_of(decoded), total, 100.0 * seconds_of(decoded) / total);
         } else {
-            std::snprintf(status, sizeof status, "tune: %.1f s", static_cast<double>(decoded) / rate);
+            std::snprintf(status, sizeof status, "tune: %.1f s", seconds_of(decoded));
         }
         progress.show(status);
+        got = reader.read(audio, block);
     }
-    if (decoded == 0) throw Failure("cannot decode '" + path + "': no audio in the file");
 
-    progress.show("tune: analysing the whole file");
+    progress.show("tune: analysing the whole file", true);
     // One call takes at most INT32_MAX frames; beyond that (hours of audio)
     // the closing reading covers the end of the file only.
     const size_t whole = std::min<size_t>(decoded, INT32_MAX);
     TunerReading r{};
     const bool have = analyse(cfg, audio, channels, rate, decoded - whole, decoded, r);
     progress.clear();
-    const double seconds = static_cast<double>(decoded) / rate;
+    const double seconds = seconds_of(decoded);
     if (!have) {
         std::printf("final: no reading (%.3f s is shorter than one analysis window)\n", seconds);
     } else if (whole < decoded) {
         std::printf("final: %s  (last %.3f s of %.3f s)\n", describe(r).c_str(),
-                    static_cast<double>(whole) / rate, seconds);
+                    seconds_of(whole), seconds);
     } else {
         std::printf("final: %s  (whole file, %.3f s)\n", describe(r).c_str(), seconds);
     }
-    return kExitOk;
+    // A Ctrl-C during that one long call still counts, though its result is in.
+    return interrupted() ? kExitInterrupted : kExitOk;
 }
 
 }  // namespace
