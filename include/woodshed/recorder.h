@@ -1,5 +1,30 @@
 /*
- * Woodshed duplex recorder (sd_): plays a backing track and records a take aligned with it.
+ * Woodshed duplex recorder (sd_): plays a backing track and records a take
+ * aligned with it.
+ *
+ * One duplex device runs at a fixed 44100 Hz with 10 ms periods. In each
+ * period one callback plays the next frames of the backing track (from a
+ * 16-bit WAV file, converted once to 44100 Hz stereo when the take starts)
+ * and captures the same period's frames of the chosen input (mono). Take
+ * frame k was therefore captured while backing frame start + k played; the
+ * take is aligned with the track without measuring anything (the device's
+ * own round-trip latency aside, which ta_analyze measures).
+ *
+ * The take is written while it is recorded, by a writer thread, as a mono
+ * 16-bit 44100 Hz WAV file with a 44-byte header. The header is rewritten
+ * every 5 seconds of audio, so a take left behind by a crash is a playable
+ * WAV file up to its last checkpoint; sd_stop patches the final size.
+ *
+ * Threads and locking: one instance per process (sd_create / sd_destroy).
+ * Every sd_ call except sd_abi_version and sd_output_latency_ms takes the
+ * recorder's family lock for its whole duration, so calls are serialised;
+ * any host thread may make them. With no instance they return -2
+ * (ws_not_created), checked before any pointer argument (sd_backend: -1).
+ * sd_start and sd_stop block: they open or close the device and start or
+ * join the writer thread. The library never calls the host: it polls
+ * sd_get_state for progress.
+ *
+ * Paths are UTF-8 text (converted to UTF-16 on Windows).
  */
 #ifndef WOODSHED_RECORDER_H
 #define WOODSHED_RECORDER_H
@@ -10,8 +35,123 @@
 extern "C" {
 #endif
 
+/* The recording's fixed sample rate. */
+#define SD_SAMPLE_RATE 44100
+
+/* Bytes of RecorderState that sd_get_state writes. */
+#define SD_STATE_BYTES 36
+
+/* A recording's progress, copied by sd_get_state.
+ *
+ * The library writes exactly its first 36 bytes (SD_STATE_BYTES). A C
+ * compiler on a 64-bit platform pads the struct to 40 bytes because of its
+ * 8-byte members; those 4 trailing bytes are never touched, so a host may
+ * just as well declare the record packed at 36 bytes. */
+typedef struct RecorderState {
+    int64_t play_position;    /*  0: playback frame at 44100 Hz; keeps advancing past the end of
+                                     the track and when no track is loaded */
+    int64_t captured_frames;  /*  8: frames captured since the recording began, including frames
+                                     the library had to drop (they are written as silence) */
+    uint32_t sample_rate;     /* 16: always 44100 */
+    uint32_t playback_done;   /* 20: 1 if a track is loaded and play_position has reached its
+                                     end; 0 otherwise (also without a track) */
+    double input_peak;        /* 24: decaying peak of |input sample|, full scale 1.0; falls by a
+                                     factor 0.9 per 10 ms unless a louder sample arrives */
+    uint32_t recording;       /* 32: 1 while a take is being recorded */
+} RecorderState;
+
+WS_STATIC_ASSERT(offsetof(RecorderState, play_position) == 0, "RecorderState.play_position");
+WS_STATIC_ASSERT(offsetof(RecorderState, captured_frames) == 8, "RecorderState.captured_frames");
+WS_STATIC_ASSERT(offsetof(RecorderState, sample_rate) == 16, "RecorderState.sample_rate");
+WS_STATIC_ASSERT(offsetof(RecorderState, playback_done) == 20, "RecorderState.playback_done");
+WS_STATIC_ASSERT(offsetof(RecorderState, input_peak) == 24, "RecorderState.input_peak");
+WS_STATIC_ASSERT(offsetof(RecorderState, recording) == 32, "RecorderState.recording");
+WS_STATIC_ASSERT(offsetof(RecorderState, recording) + 4 == SD_STATE_BYTES, "RecorderState: 36 bytes written");
+WS_STATIC_ASSERT(sizeof(RecorderState) == 40 || sizeof(RecorderState) == SD_STATE_BYTES,
+                 "RecorderState: 36 bytes, padded to 40 where int64_t is 8-byte aligned");
+
 /* Returns 1, the interface version (WS_ABI_VERSION). No lock; any thread. */
 WS_API int32_t sd_abi_version(void);
+
+/* Creates the recorder and its audio context (the back ends in the audio
+ * library's default order). Opens no device and starts no thread.
+ * Returns 0; ws_already_created (-1) if an instance exists (it is
+ * untouched); ws_backend_init_failed (-10) if no audio back end could be
+ * initialised (nothing is kept; create may be tried again). */
+WS_API int32_t sd_create(void);
+
+/* Ends a recording that is still running exactly as sd_stop does (the take
+ * is finished and complete), releases the audio context and frees the
+ * instance. Blocks for about 40 ms when a device is open.
+ * Returns 0, or -2 if there was no instance. */
+WS_API int32_t sd_destroy(void);
+
+/* The audio back end in use, as the audio library numbers them: 0 WASAPI,
+ * 1 DirectSound, 2 WinMM, 3 Core Audio, 4 sndio, 5 audio(4), 6 OSS,
+ * 7 PulseAudio, 8 ALSA, 9 JACK, 10 AAudio, 11 OpenSL|ES, 12 Web Audio,
+ * 13 custom, 14 null. Returns -1 if there is no instance (not -2). */
+WS_API int32_t sd_backend(void);
+
+/* Looks up a capture device by its name and writes its id text (lower-case
+ * hex, NUL-terminated) into buf, for sd_start. The devices are enumerated
+ * afresh on every call; the name must match exactly (bytes, letter case,
+ * whole string); the first match in enumeration order wins.
+ *   name  NUL-terminated device name (UTF-8), as the back end reports it
+ *   buf   receives the id text; untouched unless the call returns 1
+ *   size  bytes available in buf, at least 8; an id of n significant
+ *         bytes needs 2n + 1
+ * Returns 1 if found and written (an all-zero id gives the empty text);
+ * 0 if no capture device has that name or buf is too small for its id;
+ * -3 if name or buf is NULL or size is below 8; -10 if the devices could
+ * not be enumerated; -2 with no instance. Blocks while the back end
+ * enumerates. */
+WS_API int32_t sd_find_input_by_name(const char* name, char* buf, int32_t size);
+
+/* Starts a take: loads the backing track, creates the take file, opens the
+ * duplex device and starts it.
+ *   source_path  backing track (UTF-8), may be NULL or empty for silence.
+ *                A 16-bit PCM WAV file, mono or stereo, 8000 Hz or more,
+ *                45 bytes to 700 MiB; converted to 44100 Hz stereo by
+ *                linear interpolation. It is read whole into memory.
+ *   take_path    the take file to create (UTF-8); an existing file of that
+ *                name is overwritten. Required.
+ *   input_id     id text of the input (from sd_find_input_by_name), or
+ *                NULL / empty / malformed for the default input. A
+ *                well-formed id is passed on unchecked: if that device no
+ *                longer exists the open fails.
+ *   start_ms     where in the track to begin, in ms (frame start_ms x 44100
+ *                / 1000, truncated); 0 or negative: the beginning. A start
+ *                past the end plays silence.
+ * Output goes to the default playback device.
+ * A take still running from an earlier sd_start is finished first (its
+ * header made final; samples still queued for it are discarded, unlike
+ * sd_stop, which writes them).
+ * Returns 0 once the device runs; -2 with no instance; -3 if take_path is
+ * NULL or the backing file cannot be read or is not in the format above
+ * (no take file is created); -10 without an audio context; -15 if the take
+ * file cannot be created; -13 if the operating system refused the device
+ * and -15 for any other device failure (the take file then stays behind
+ * holding only its 44-byte header). */
+WS_API int32_t sd_start(const char* source_path, const char* take_path, const char* input_id,
+                        int32_t start_ms);
+
+/* Ends the take: silences the output for 40 ms, closes the device, joins
+ * the writer, writes what is still queued, patches the header and closes
+ * the take file. Blocks for about 40 ms or more.
+ * Returns (as a signed 64-bit value) the take's length in ms, samples x
+ * 1000 / 44100 truncated (0 or more); -2 if there is no instance or nothing
+ * is recording. If the disk filled up during the take, the length and the
+ * header count the samples that really reached the file. */
+WS_API int64_t sd_stop(void);
+
+/* Copies the recording's progress: writes the first 36 bytes of *out
+ * (SD_STATE_BYTES; see RecorderState). Cheap; meant for polling, e.g. for a
+ * level meter. Returns 0; -2 with no instance; -3 for NULL. */
+WS_API int32_t sd_get_state(RecorderState* out);
+
+/* Always -1.0, with or without an instance: the output latency is not
+ * measured, and any negative value means "unknown". No lock; any thread. */
+WS_API double sd_output_latency_ms(void);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,46 @@
+// The backing track: a 16-bit WAV file read whole and converted once to the
+// recorder's fixed format (44100 Hz, stereo, 32-bit float, interleaved), so
+// the audio callback only ever copies frames.
+//
+// Only a narrow subset is accepted: 16 bits per sample (whatever the format
+// tag says), 1 or 2 channels, at least 8000 Hz. Other rates are converted by
+// plain linear interpolation, without filtering. Host thread only; the
+// track is replaced only while no device is open.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace ws::recorder {
+
+inline constexpr uint32_t kRecorderRate = 44100;
+// Raw file sizes outside this window are refused: below it nothing playable
+// fits (a bare 44-byte header is refused on purpose), above it the raw bytes
+// alone would take more memory than a host should lose to one backing track.
+inline constexpr int64_t kMinSourceBytes = 45;
+inline constexpr int64_t kMaxSourceBytes = 700LL * 1048576;
+inline constexpr uint32_t kMinSourceRate = 8000;
+
+struct SourceTrack {
+    std::vector<float> samples;  // 2 * frames floats, left then right
+    int64_t frames = 0;
+
+    void clear() {
+        samples.clear();
+        samples.shrink_to_fit();
+        frames = 0;
+    }
+};
+
+// Reads the WAV file at `utf8_path` into `track`. The track is emptied first,
+// so a failure leaves none. An empty or null path asks for no track: true
+// with an empty track. False for a file that cannot be opened, lies outside
+// the size window or is not in the subset, and when memory runs out.
+bool load_source_track(const char* utf8_path, SourceTrack& track);
+
+// The same conversion from bytes in memory (the file's content after the
+// size test): for the fuzz target and for tests of malformed files.
+bool decode_source_wav(const uint8_t* bytes, size_t size, SourceTrack& track);
+
+}  // namespace ws::recorder

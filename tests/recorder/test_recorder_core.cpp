@@ -1,0 +1,232 @@
+// The recorder's callback without a device: what it plays from where, what
+// it captures when, the input peak, the state record; then the ring and
+// the writer thread under load, an hour of periods pushed at full speed.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <limits>
+#include <thread>
+#include <vector>
+
+#include "recorder/core.hpp"
+#include "recorder_files.hpp"
+
+namespace {
+
+using namespace ws::recorder;
+using namespace ws::test::recorder;
+
+constexpr uint32_t kPeriod = 441;
+
+class CoreTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        track_file_ = dir_.file("backing.wav");
+        std::vector<int16_t> s(2 * 2000);
+        for (int i = 0; i < 2000; ++i) {
+            s[2 * i] = static_cast<int16_t>(i);
+            s[2 * i + 1] = static_cast<int16_t>(-i);
+        }
+        write_bytes(track_file_, pcm16_wav(2, 44100, s));
+    }
+    std::vector<float> play(uint32_t frames, const float* in = nullptr) {
+        std::vector<float> out(2 * frames, 99.0f);
+        core_.process(out.data(), in, frames);
+        return out;
+    }
+    ScratchDir dir_{"core"};
+    std::string track_file_;
+    RecorderCore core_;
+};
+
+TEST(StartFrame, MillisecondsToFramesTruncated) {
+    struct Row { int32_t ms; int64_t frame; };
+    const Row rows[] = {{2500, 110250}, {0, 0}, {-1, 0}, {-2500, 0}, {1, 44}, {999, 44055},
+                        {2147483647, 94704028832LL}};  // 2147483647 * 44100 / 1000
+    for (const Row& r : rows) EXPECT_EQ(start_frame(r.ms), r.frame) << r.ms;
+}
+
+TEST_F(CoreTest, PlaysTheTrackFromTheStartPositionThenSilence) {
+    ASSERT_TRUE(core_.load_track(track_file_.c_str()));
+    core_.arm(40);  // frame 1764 of 2000
+    std::vector<float> out = play(kPeriod);
+    for (uint32_t i = 0; i < kPeriod; ++i) {
+        const int frame = 1764 + static_cast<int>(i);
+        const float l = frame < 2000 ? static_cast<float>(frame / 32768.0) : 0.0f;
+        ASSERT_EQ(out[2 * i], l) << i;
+        ASSERT_EQ(out[2 * i + 1], -l) << i;
+    }
+    EXPECT_EQ(core_.play_position(), 1764 + 441);
+    RecorderState s{};
+    core_.fill_state(s);
+    EXPECT_EQ(s.playback_done, 1u);
+    EXPECT_EQ(s.sample_rate, 44100u);
+    out = play(kPeriod);
+    for (float v : out) ASSERT_EQ(v, 0.0f);
+    EXPECT_EQ(core_.play_position(), 1764 + 882);  // the clock runs on past the end
+}
+
+TEST_F(CoreTest, APositionPastTheEndIsDoneAtOnceAndNoTrackNever) {
+    ASSERT_TRUE(core_.load_track(track_file_.c_str()));
+    core_.arm(1000);  // frame 44100 of a 2000-frame track
+    RecorderState s{};
+    core_.fill_state(s);
+    EXPECT_EQ(s.play_position, 44100);
+    EXPECT_EQ(s.playback_done, 1u);
+    core_.unload_track();
+    core_.arm(0);
+    for (int p = 0; p < 3; ++p) {
+        for (float v : play(kPeriod)) ASSERT_EQ(v, 0.0f);
+    }
+    core_.fill_state(s);
+    EXPECT_EQ(s.play_position, 3 * 441);
+    EXPECT_EQ(s.playback_done, 0u);
+}
+
+TEST_F(CoreTest, CapturesOnlyWhileRecordingAndNotMuted) {
+    core_.arm(0);
+    const std::vector<float> in(kPeriod, 0.5f);
+    play(kPeriod, in.data());  // not recording yet
+    EXPECT_EQ(core_.ring().captured_frames(), 0u);
+    core_.set_recording(true);
+    play(kPeriod, nullptr);  // no input buffer
+    EXPECT_EQ(core_.ring().captured_frames(), 0u);
+    play(kPeriod, in.data());
+    EXPECT_EQ(core_.ring().captured_frames(), kPeriod);
+    EXPECT_EQ(core_.ring().pending(), kPeriod);
+
+    const int64_t pos = core_.play_position();
+    core_.set_muted(true);
+    for (float v : play(kPeriod, in.data())) ASSERT_EQ(v, 0.0f);
+    EXPECT_EQ(core_.play_position(), pos);  // muted: the position stands still
+    EXPECT_EQ(core_.ring().captured_frames(), kPeriod);
+    core_.set_muted(false);
+
+    RecorderState s{};
+    core_.fill_state(s);
+    EXPECT_EQ(s.recording, 1u);
+    EXPECT_EQ(s.captured_frames, int64_t{kPeriod});
+    core_.set_recording(false);
+    core_.fill_state(s);
+    EXPECT_EQ(s.recording, 0u);
+}
+
+TEST_F(CoreTest, ThePeakDecaysByANinthEveryPeriod) {
+    core_.arm(0);
+    core_.set_recording(true);
+    std::vector<float> in(kPeriod, 0.0f);
+    in[100] = -0.5f;
+    play(kPeriod, in.data());
+    EXPECT_EQ(core_.ring().input_peak(), 0.5);
+    std::fill(in.begin(), in.end(), 0.0f);
+    play(kPeriod, in.data());
+    EXPECT_EQ(core_.ring().input_peak(), 0.5 * 0.9);
+    in[7] = 0.3f;  // quieter than the decayed peak
+    play(kPeriod, in.data());
+    EXPECT_EQ(core_.ring().input_peak(), 0.5 * 0.9 * 0.9);
+    in[7] = 0.8f;
+    play(kPeriod, in.data());
+    EXPECT_EQ(core_.ring().input_peak(), static_cast<double>(0.8f));
+    in[7] = std::numeric_limits<float>::quiet_NaN();  // NaN never raises it
+    play(kPeriod, in.data());
+    EXPECT_EQ(core_.ring().input_peak(), static_cast<double>(0.8f) * 0.9);
+    core_.arm(0);
+    EXPECT_EQ(core_.ring().input_peak(), 0.0);
+}
+
+TEST_F(CoreTest, ADroppedPeriodStillCountsAsCapturedButLeavesThePeak) {
+    core_.arm(0);
+    core_.set_recording(true);
+    std::vector<float> in(kPeriod, 0.1f);
+    for (int p = 0; p < 594; ++p) play(kPeriod, in.data());
+    const double peak = core_.ring().input_peak();
+    std::fill(in.begin(), in.end(), 0.9f);
+    play(kPeriod, in.data());  // does not fit: dropped whole
+    EXPECT_EQ(core_.ring().captured_frames(), 595u * kPeriod);
+    EXPECT_EQ(core_.ring().dropped_pending(), kPeriod);
+    EXPECT_EQ(core_.ring().pending(), 594u * kPeriod);
+    EXPECT_EQ(core_.ring().input_peak(), peak);
+}
+
+// ---- under load ---------------------------------------------------------
+
+#if defined(_WIN32)
+constexpr const char* kNullFile = "NUL";
+#else
+constexpr const char* kNullFile = "/dev/null";
+#endif
+
+template <class Condition>
+bool eventually(Condition&& c) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+    while (!c()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+TEST(RecorderLoad, AnHourOfPeriodsAtFullSpeedKeepsTheTakeAsLongAsTheCapture) {
+    RecorderCore core;
+    ASSERT_TRUE(core.take().create(kNullFile));
+    core.arm(0);
+    core.writer().start();
+    core.set_recording(true);
+    constexpr int kPeriods = 360000;  // one hour of 10 ms periods
+    std::thread producer([&core] {
+        std::vector<float> in(kPeriod), out(2 * kPeriod);
+        for (int p = 0; p < kPeriods; ++p) {
+            in[p % kPeriod] = static_cast<float>(p % 1000) / 1000.0f;
+            core.process(out.data(), in.data(), kPeriod);
+        }
+    });
+    producer.join();
+    core.set_recording(false);
+    // The take's length is exact once the writer has taken the last drop.
+    ASSERT_TRUE(eventually([&] { return core.ring().dropped_pending() == 0; }));
+    core.writer().stop();
+    core.writer().drain_rest();
+    EXPECT_FALSE(core.take().write_error());
+    EXPECT_EQ(core.ring().captured_frames(), uint64_t{kPeriods} * kPeriod);
+    EXPECT_EQ(core.take().samples_written(), core.ring().captured_frames());
+    core.take().finish();
+}
+
+TEST(RecorderLoad, WithoutDropsEverySampleArrivesInOrder) {
+    ScratchDir dir("order");
+    const std::string path = dir.file("t.wav");
+    RecorderCore core;
+    ASSERT_TRUE(core.take().create(path.c_str()));
+    core.arm(0);
+    core.writer().start();
+    core.set_recording(true);
+    constexpr int kPeriods = 3000;  // 30 s of audio, pushed as fast as the ring allows
+    std::thread producer([&core] {
+        std::vector<float> in(kPeriod), out(2 * kPeriod);
+        uint32_t k = 0;
+        for (int p = 0; p < kPeriods; ++p) {
+            for (uint32_t i = 0; i < kPeriod; ++i, ++k) in[i] = static_cast<float>(static_cast<int>(k % 65536) - 32768) / 32768.0f;
+            while (core.ring().pending() > kRingSamples / 2) std::this_thread::yield();
+            core.process(out.data(), in.data(), kPeriod);
+        }
+    });
+    producer.join();
+    core.writer().stop();
+    core.writer().drain_rest();
+    EXPECT_EQ(core.ring().dropped_pending(), 0u);
+    core.take().finish();
+
+    const Take t = read_take(path);
+    ASSERT_EQ(t.samples.size(), size_t{kPeriods} * kPeriod);
+    EXPECT_EQ(t.data_size, 2u * kPeriods * kPeriod);
+    for (size_t k = 0; k < t.samples.size(); ++k) {
+        const int s = static_cast<int>(k % 65536) - 32768;
+        const int want = s > 0 ? s - 1 : (s < 0 ? s + 1 : 0);
+        ASSERT_EQ(t.samples[k], want) << k;
+    }
+}
+
+}  // namespace
