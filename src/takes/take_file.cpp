@@ -10,6 +10,13 @@
 #include "frame/platform.hpp"
 #include "frame/wav_header.hpp"
 
+#if defined(_WIN32)
+#  ifndef WIN32_LEAN_AND_MEAN
+#    define WIN32_LEAN_AND_MEAN
+#  endif
+#  include <windows.h>
+#endif
+
 namespace ws::takes {
 
 int64_t ms_to_frames(uint32_t rate, int32_t ms) {
@@ -200,6 +207,25 @@ bool sys_remove(const char* path) { return platform::remove_file(path); }
 bool sys_rename(const char* from, const char* to) { return platform::rename_file(from, to); }
 void sys_sleep(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
+// Whether the file at path may be changed: it opens for update (which fails
+// for a file another program holds without sharing) and, on Windows, does
+// not carry the read-only attribute, which an administrator's open would
+// not notice everywhere.
+bool sys_writable(const char* path) {
+#if defined(_WIN32)
+    const int n = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path, -1, nullptr, 0);
+    if (n <= 1) return false;
+    std::wstring wide(static_cast<size_t>(n), L'\0');
+    if (MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path, -1, wide.data(), n) != n) return false;
+    const DWORD attributes = GetFileAttributesW(wide.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_READONLY) != 0) return false;
+#endif
+    std::FILE* f = platform::open_file(path, "r+b");
+    if (f == nullptr) return false;
+    std::fclose(f);
+    return true;
+}
+
 // Header and samples into an open file; false on any short write or a
 // failing flush. The file is not closed here.
 bool write_samples(std::FILE* f, const float* samples, uint64_t count, int32_t rate) {
@@ -239,7 +265,7 @@ bool load_take_wav_bytes(const uint8_t* bytes, size_t size, uint64_t skip, std::
 }
 
 const FileOps& system_file_ops() {
-    static const FileOps ops{sys_open, sys_remove, sys_rename, sys_sleep};
+    static const FileOps ops{sys_open, sys_remove, sys_rename, sys_writable, sys_sleep};
     return ops;
 }
 
@@ -287,13 +313,7 @@ bool store_take_wav_safely(const char* path, const float* samples, uint64_t coun
     ops.remove(backup.c_str());
     bool moved = false;
     for (int attempt = 0; attempt < kAttempts && !moved; ++attempt) {
-        bool writable = true;
-        if (existed) {
-            std::FILE* w = ops.open(path, "r+b");
-            writable = w != nullptr;
-            if (w != nullptr) std::fclose(w);
-        }
-        moved = writable && ops.rename(path, backup.c_str());
+        moved = (!existed || ops.writable(path)) && ops.rename(path, backup.c_str());
         if (!moved) ops.sleep_ms(kRetrySleepMs);
     }
     if (existed && !moved) {

@@ -40,6 +40,7 @@ struct FileOps {
     std::FILE* (*open)(const char* path, const char* mode);
     bool (*remove)(const char* path);
     bool (*rename)(const char* from, const char* to);
+    bool (*writable)(const char* path);  // an existing file may be changed
     void (*sleep_ms)(int ms);
 };
 const FileOps& system_file_ops();

@@ -318,7 +318,6 @@ Faults* g_faults = nullptr;
 
 std::FILE* fault_open(const char* path, const char* mode) {
     Faults& f = *g_faults;
-    if (f.read_only_take && path == f.take && std::string(mode) != "rb") return nullptr;
     if (f.failing_opens > 0) {
         --f.failing_opens;
         return nullptr;
@@ -353,12 +352,17 @@ bool fault_remove(const char* path) {
     return ok;
 }
 
+bool fault_writable(const char* path) {
+    if (g_faults->read_only_take && path == g_faults->take) return false;
+    return ws::takes::system_file_ops().writable(path);
+}
+
 void fault_sleep(int ms) {
     EXPECT_EQ(ms, 20);
     ++g_faults->sleeps;
 }
 
-constexpr ws::takes::FileOps kFaultOps{fault_open, fault_remove, fault_rename, fault_sleep};
+constexpr ws::takes::FileOps kFaultOps{fault_open, fault_remove, fault_rename, fault_writable, fault_sleep};
 
 TEST(TakeReplacement, TheTakeIsAlwaysOldOrNewAndNoTemporaryStays) {
     constexpr int kAlways = 1000;
