@@ -1,0 +1,275 @@
+// ta_analyze and ta_clean through the shared library, as a host calls them:
+// exact result codes and records, files on disk before and after, and
+// calls from several threads at once.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+#include <vector>
+
+#include "take_signals.hpp"
+#include "woodshed/takes.h"
+
+#if defined(__linux__)
+#  include <fcntl.h>
+#  include <linux/fs.h>
+#  include <sys/ioctl.h>
+#  include <unistd.h>
+#endif
+
+namespace {
+
+namespace s = ws::test::takes;
+
+template <class Record>
+Record sentinel() {
+    Record r;
+    std::memset(&r, 0xA5, sizeof r);
+    return r;
+}
+
+template <class Record>
+bool all_zero(const Record& r) {
+    const Record zero{};
+    return std::memcmp(&r, &zero, sizeof r) == 0;
+}
+
+template <class Record>
+bool untouched(const Record& r) {
+    const Record s0 = sentinel<Record>();
+    return std::memcmp(&r, &s0, sizeof r) == 0;
+}
+
+// A reference and a take made from it: the take is the reference from
+// `offset` frames on, delayed by `delay` frames, at 0.5, with a quiet
+// musician on top.
+struct Files {
+    s::TempDir dir;
+    std::string ref, take;
+    std::vector<float> reference;
+    Files(uint32_t rate, size_t frames, size_t offset, size_t delay, uint16_t take_channels = 1) {
+        ref = dir.file("backing.wav");
+        take = dir.file("take.wav");
+        reference = s::music(frames + offset, rate, 21);
+        const std::vector<float> heard(reference.begin() + static_cast<std::ptrdiff_t>(offset), reference.end());
+        auto t = s::mix(s::delayed(heard, static_cast<double>(delay), frames), s::music(frames, rate, 22), 0.1f);
+        for (auto& v : t) v *= 0.5f;
+        EXPECT_TRUE(s::write_file(ref, s::wav16(reference, rate)));
+        EXPECT_TRUE(s::write_file(take, s::wav16(t, rate, take_channels)));
+    }
+};
+
+TEST(TakeExports, VersionIsOne) { EXPECT_EQ(ta_abi_version(), 1); }
+
+TEST(TakeExports, MissingPointers) {
+    Files f(44100, 44100, 0, 100);
+    // No record: -3 and nothing written anywhere.
+    EXPECT_EQ(ta_analyze(f.ref.c_str(), f.take.c_str(), 0, 0, 500, nullptr), ws_invalid_argument);
+    EXPECT_EQ(ta_clean(f.ref.c_str(), f.take.c_str(), 0, 100, nullptr), ws_invalid_argument);
+    // Missing paths: -3 with the record cleared.
+    const char* paths[][2] = {{nullptr, f.take.c_str()}, {f.ref.c_str(), nullptr}, {nullptr, nullptr}};
+    const auto before = s::read_file(f.take);
+    for (const auto& p : paths) {
+        TakeAnalysis a = sentinel<TakeAnalysis>();
+        EXPECT_EQ(ta_analyze(p[0], p[1], 0, 0, 500, &a), ws_invalid_argument);
+        EXPECT_TRUE(all_zero(a));
+        TakeCleaning c = sentinel<TakeCleaning>();
+        EXPECT_EQ(ta_clean(p[0], p[1], 0, 100, &c), ws_invalid_argument);
+        EXPECT_TRUE(all_zero(c));
+    }
+    EXPECT_EQ(s::read_file(f.take), before);
+}
+
+TEST(TakeExports, UnreadableOrMismatchedFilesGiveMinus14) {
+    Files f(44100, 44100, 0, 100);
+    const std::string other_rate = f.dir.file("48k.wav");
+    ASSERT_TRUE(s::write_file(other_rate, s::wav16(s::music(48000, 48000, 3), 48000)));
+    const std::string text = f.dir.file("notes.txt");
+    ASSERT_TRUE(s::write_file(text, {'h', 'e', 'l', 'l', 'o'}));
+    const std::string eight_bit = f.dir.file("8bit.wav");
+    s::WavBytes w;
+    w.riff().chunk("fmt ", s::fmt_body(1, 1, 44100, 8)).chunk("data", std::vector<uint8_t>(1000, 128)).finish();
+    ASSERT_TRUE(s::write_file(eight_bit, w.bytes));
+    const std::string missing = f.dir.file("missing.wav");
+    struct Row { const char* what; std::string ref, take; };
+    const Row rows[] = {
+        {"missing reference", missing, f.take},     {"missing take", f.ref, missing},
+        {"rates differ", other_rate, f.take},       {"rates differ the other way", f.ref, other_rate},
+        {"not a WAV file", text, f.take},           {"8-bit take", f.ref, eight_bit},
+        {"a directory", f.dir.path(), f.take},
+    };
+    const auto before = s::read_file(f.take);
+    for (const auto& r : rows) {
+        TakeAnalysis a = sentinel<TakeAnalysis>();
+        EXPECT_EQ(ta_analyze(r.ref.c_str(), r.take.c_str(), 0, 0, 500, &a), ws_unsupported_format) << r.what;
+        EXPECT_TRUE(all_zero(a)) << r.what;
+        TakeCleaning c = sentinel<TakeCleaning>();
+        EXPECT_EQ(ta_clean(r.ref.c_str(), r.take.c_str(), 0, 100, &c), ws_unsupported_format) << r.what;
+        EXPECT_TRUE(all_zero(c)) << r.what;
+    }
+    EXPECT_EQ(s::read_file(f.take), before);
+}
+
+TEST(TakeExports, AnalyzeFindsTheDelayAfterTheReferenceOffset) {
+    // The take started 1.5 s into the backing track and hears it 1234
+    // frames late.
+    Files f(48000, 3 * 48000, 72000, 1234);
+    TakeAnalysis a = sentinel<TakeAnalysis>();
+    ASSERT_EQ(ta_analyze(f.ref.c_str(), f.take.c_str(), 1500, 0, 100, &a), ws_ok);
+    EXPECT_EQ(a.delay_frames, 1234);
+    EXPECT_EQ(a.sample_rate, 48000u);
+    EXPECT_EQ(a.valid, 1u);
+    EXPECT_GE(a.score, 8.0);
+    EXPECT_EQ(a.reserved, 0u);
+    // Searching a range that excludes it: found, but not valid.
+    ASSERT_EQ(ta_analyze(f.ref.c_str(), f.take.c_str(), 1500, 0, 20, &a), ws_ok);
+    EXPECT_EQ(a.valid, 0u);
+    // Without the offset the take matches 1.5 s earlier: a delay of
+    // 1234 - 72000 frames, found when the range allows it.
+    ASSERT_EQ(ta_analyze(f.ref.c_str(), f.take.c_str(), 0, -2000, 0, &a), ws_ok);
+    EXPECT_EQ(a.delay_frames, 1234 - 72000);
+    EXPECT_EQ(a.valid, 1u);
+}
+
+TEST(TakeExports, AnalyzeWithNothingToAnalyseStillSucceeds) {
+    Files f(44100, 44100, 0, 100);
+    struct Row { const char* what; int32_t offset, lo, hi; };
+    const Row rows[] = {
+        {"range upside down", 0, 500, 400},
+        {"offset beyond the reference", 5000, 0, 500},
+        {"offset leaving less than a quarter second", 760, 0, 500},
+    };
+    for (const auto& r : rows) {
+        TakeAnalysis a = sentinel<TakeAnalysis>();
+        ASSERT_EQ(ta_analyze(f.ref.c_str(), f.take.c_str(), r.offset, r.lo, r.hi, &a), ws_ok) << r.what;
+        EXPECT_EQ(a.score, 0.0) << r.what;
+        EXPECT_EQ(a.delay_frames, 0) << r.what;
+        EXPECT_EQ(a.valid, 0u) << r.what;
+        EXPECT_EQ(a.sample_rate, 44100u) << r.what;
+        EXPECT_EQ(a.reserved, 0u);
+    }
+}
+
+TEST(TakeExports, CleanRewritesTheTakeInPlace) {
+    Files f(44100, 100000, 0, 700, 2);  // a stereo take comes back mono
+    TakeAnalysis a{};
+    ASSERT_EQ(ta_analyze(f.ref.c_str(), f.take.c_str(), 0, 0, 500, &a), ws_ok);
+    ASSERT_EQ(a.valid, 1u);
+    ASSERT_EQ(a.delay_frames, 700);
+    TakeCleaning c = sentinel<TakeCleaning>();
+    ASSERT_EQ(ta_clean(f.ref.c_str(), f.take.c_str(), 0, a.delay_frames, &c), ws_ok);
+    EXPECT_EQ(c.cleaned, 1u);
+    EXPECT_EQ(c.delay_frames, 700);
+    EXPECT_EQ(c.sample_rate, 44100u);
+    EXPECT_EQ(c.reserved, 0u);
+    // The musician was 20 dB under the leak; what remains is about her.
+    EXPECT_GT(c.reduction_db, 15.0);
+    EXPECT_LT(c.reduction_db, 25.0);
+    uint32_t rate = 0;
+    const auto cleaned = s::read_mono16(f.take, &rate);
+    EXPECT_EQ(rate, 44100u);
+    EXPECT_EQ(cleaned.size(), 100000u);
+    EXPECT_EQ(f.dir.list(), (std::vector<std::string>{"backing.wav", "take.wav"}));
+}
+
+TEST(TakeExports, CleanWithASilentReferenceRewritesTheSameSamples) {
+    s::TempDir dir;
+    const std::string ref = dir.file("silence.wav"), take = dir.file("take.wav");
+    ASSERT_TRUE(s::write_file(ref, s::wav16(std::vector<float>(20000, 0.0f), 22050)));
+    const auto music = s::music(20000, 22050, 4);
+    ASSERT_TRUE(s::write_file(take, s::wav16(music, 22050)));
+    const auto before = s::read_mono16(take);
+    TakeCleaning c{};
+    ASSERT_EQ(ta_clean(ref.c_str(), take.c_str(), 0, 0, &c), ws_ok);
+    EXPECT_EQ(c.reduction_db, 0.0);
+    EXPECT_EQ(c.cleaned, 1u);
+    // value / 32768 written back as round(x * 32767): every sample within one step.
+    const auto after = s::read_mono16(take);
+    ASSERT_EQ(after.size(), before.size());
+    for (size_t i = 0; i < after.size(); ++i) ASSERT_LE(std::abs(after[i] - before[i]), 1) << i;
+}
+
+TEST(TakeExports, CleanRefusesTooShortATakeOrAnEmptyReference) {
+    Files f(44100, 8191, 0, 10);
+    const auto before = s::read_file(f.take);
+    TakeCleaning c = sentinel<TakeCleaning>();
+    EXPECT_EQ(ta_clean(f.ref.c_str(), f.take.c_str(), 0, 10, &c), ws_invalid_argument);
+    EXPECT_TRUE(all_zero(c));
+    EXPECT_EQ(s::read_file(f.take), before);
+    // An offset past the reference's end leaves nothing to subtract.
+    Files g(44100, 20000, 0, 10);
+    EXPECT_EQ(ta_clean(g.ref.c_str(), g.take.c_str(), 1000, 10, &c), ws_invalid_argument);
+    EXPECT_TRUE(all_zero(c));
+}
+
+// A take that cannot be replaced: -14, the take as it was, nothing left over.
+void expect_clean_refused(const Files& f) {
+    const auto before = s::read_file(f.take);
+    TakeCleaning c = sentinel<TakeCleaning>();
+    EXPECT_EQ(ta_clean(f.ref.c_str(), f.take.c_str(), 0, 300, &c), ws_unsupported_format);
+    EXPECT_TRUE(all_zero(c));
+    EXPECT_EQ(s::read_file(f.take), before);
+    EXPECT_EQ(f.dir.list(), (std::vector<std::string>{"backing.wav", "take.wav"}));
+}
+
+#if defined(_WIN32)
+TEST(TakeExports, AReadOnlyTakeIsNotCleaned) {
+    Files f(44100, 20000, 0, 300);
+    const std::filesystem::path take(std::u8string(f.take.begin(), f.take.end()));
+    std::filesystem::permissions(take, std::filesystem::perms::owner_write, std::filesystem::perm_options::remove);
+    expect_clean_refused(f);
+    std::filesystem::permissions(take, std::filesystem::perms::owner_write, std::filesystem::perm_options::add);
+}
+#endif
+
+#if defined(__linux__)
+// Read-only files can be renamed on Linux; an immutable one cannot.
+TEST(TakeExports, AnImmutableTakeIsNotCleaned) {
+    Files f(44100, 20000, 0, 300);
+    auto set_immutable = [&](bool on) {
+        const int fd = ::open(f.take.c_str(), O_RDONLY);
+        if (fd < 0) return false;
+        int flags = 0;
+        bool ok = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+        flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+        ok = ok && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+        ::close(fd);
+        return ok;
+    };
+    if (!set_immutable(true)) GTEST_SKIP() << "no immutable attribute here";
+    expect_clean_refused(f);
+    set_immutable(false);
+}
+#endif
+
+TEST(TakeExports, CallsFromSeveralThreadsAtOnce) {
+    // No lock and no shared state: each thread has its own files.
+    constexpr int kThreads = 4;
+    std::vector<std::unique_ptr<Files>> files;
+    for (int i = 0; i < kThreads; ++i) {
+        files.push_back(std::make_unique<Files>(44100, 30000, 0, static_cast<size_t>(100 + 50 * i)));
+    }
+    std::vector<TakeAnalysis> analyses(kThreads);
+    std::vector<TakeCleaning> cleanings(kThreads);
+    std::vector<int32_t> codes(2 * kThreads, -99);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&, i] {
+            const Files& f = *files[static_cast<size_t>(i)];
+            codes[2 * i] = ta_analyze(f.ref.c_str(), f.take.c_str(), 0, 0, 500, &analyses[static_cast<size_t>(i)]);
+            codes[2 * i + 1] = ta_clean(f.ref.c_str(), f.take.c_str(), 0, analyses[static_cast<size_t>(i)].delay_frames,
+                                        &cleanings[static_cast<size_t>(i)]);
+        });
+    }
+    for (auto& t : threads) t.join();
+    for (int i = 0; i < kThreads; ++i) {
+        EXPECT_EQ(codes[2 * i], ws_ok);
+        EXPECT_EQ(codes[2 * i + 1], ws_ok);
+        EXPECT_EQ(analyses[static_cast<size_t>(i)].delay_frames, 100 + 50 * i);
+        EXPECT_EQ(cleanings[static_cast<size_t>(i)].cleaned, 1u);
+    }
+}
+
+}  // namespace
