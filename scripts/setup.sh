@@ -13,7 +13,8 @@ want=(cmake ninja-build g++ ccache pkg-config libgtest-dev libgmock-dev libbench
       clang libclang-rt-14-dev
       g++-mingw-w64-x86-64-posix wine64
       pulseaudio pulseaudio-utils
-      python3)
+      python3
+      libfftw3-dev)
 missing=()
 for p in "${want[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
