@@ -14,12 +14,14 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <new>
 #include <thread>
 
 #include "frame/realtime.hpp"
 #include "sound_server.hpp"
 #include "woodshed/metronome.h"
+#include "woodshed/recorder.h"
 #include "woodshed/tuner.h"
 
 namespace {
@@ -138,6 +140,27 @@ TEST(RealTime, ClickCallbackNeitherAllocatesNorLocksNorSleeps) {
     const long callbacks = g_callbacks.load();
     EXPECT_EQ(mn_destroy(), ws_ok);
     EXPECT_GT(callbacks, 100);  // 6 ms periods
+    EXPECT_EQ(g_violations.load(), 0);
+}
+
+// The duplex recorder's callback plays the backing and feeds the capture
+// ring in the same period; the writer thread does the file work elsewhere.
+TEST(RealTime, DuplexCallbackNeitherAllocatesNorLocksNorSleeps) {
+    WS_REQUIRE_SOUND_SERVER();
+    const std::string take = (std::filesystem::temp_directory_path() / "woodshed-realtime-take.wav").string();
+    ASSERT_EQ(sd_create(), ws_ok);
+    ASSERT_EQ(sd_start(nullptr, take.c_str(), nullptr, 0), ws_ok);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    g_violations = 0;
+    g_callbacks = 0;
+    ws::rt::probe().store(&probe);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    ws::rt::probe().store(nullptr);
+    const long callbacks = g_callbacks.load();
+    EXPECT_GE(sd_stop(), 0);
+    EXPECT_EQ(sd_destroy(), ws_ok);
+    std::filesystem::remove(take);
+    EXPECT_GT(callbacks, 50);
     EXPECT_EQ(g_violations.load(), 0);
 }
 
