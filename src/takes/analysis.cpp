@@ -54,13 +54,16 @@ DelayEstimate find_delay(const float* a, size_t na, const float* b, size_t nb, i
     // of the take, so the transform stays bounded for long files.
     const int64_t factor = rate >= 32000 ? 4 : 1;
     const int64_t reduced = rate / factor;
-    std::vector<float> ra = block_average(a, na, static_cast<size_t>(factor));
-    std::vector<float> rb = block_average(b, nb, static_cast<size_t>(factor));
-    ra.resize(std::min<size_t>(ra.size(), static_cast<size_t>(12 * reduced)));
+    // Only the blocks that are kept are averaged at all.
     int64_t lo = div_trunc(min_delay, factor) - 2;
     int64_t hi = div_trunc(max_delay, factor) + 2;
+    const int64_t keep_a = 12 * reduced;
     const int64_t keep_b = std::max<int64_t>(hi, 0) + 4 + 12 * reduced;
-    if (static_cast<int64_t>(rb.size()) > keep_b) rb.resize(static_cast<size_t>(keep_b));
+    auto head = [factor](size_t n, int64_t blocks) {
+        return static_cast<size_t>(std::min<uint64_t>(n, static_cast<uint64_t>(blocks) * static_cast<uint64_t>(factor)));
+    };
+    const std::vector<float> ra = block_average(a, head(na, keep_a), static_cast<size_t>(factor));
+    const std::vector<float> rb = block_average(b, head(nb, keep_b), static_cast<size_t>(factor));
 
     const size_t n = next_pow2(ra.size() + rb.size());
     std::vector<std::complex<float>> x(n), y(n);
