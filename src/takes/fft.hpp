@@ -128,13 +128,15 @@ inline void twiddle_step(size_t len, bool inverse, double& sr, double& si) noexc
 
 }  // namespace fft_detail
 
-// Transforms a[0 .. n) in place; n must be a power of two (callers guarantee
-// it; other lengths give unspecified values but touch nothing outside a).
+inline bool is_power_of_two(size_t n) { return n != 0 && (n & (n - 1)) == 0; }
+
+// Transforms a[0 .. n) in place; n must be a power of two (any other length
+// leaves a as it was).
 // Needs no memory beyond a few KiB of stack: each stage's twiddles are
 // generated in rounds and applied across all blocks before the next round.
 template <class T>
 void fft_in_place(std::complex<T>* a, size_t n, bool inverse) noexcept {
-    if (a == nullptr || n == 0) return;
+    if (a == nullptr || !is_power_of_two(n)) return;
     fft_detail::bit_reverse(a, n);
     double tw[2 * fft_detail::kTwiddleChunk];
     for (size_t len = 2; len <= n; len *= 2) {
@@ -161,12 +163,13 @@ void fft_in_place(std::complex<T>* a, size_t n, bool inverse) noexcept {
 class FftTable {
 public:
     FftTable() = default;
-    // n a power of two; throws std::bad_alloc when the table cannot be made.
-    explicit FftTable(size_t n) : n_(n) {
-        if (n < 2) return;
-        forward_.resize(2 * (n - 1));
-        inverse_.resize(2 * (n - 1));
-        for (size_t len = 2; len <= n; len *= 2) {
+    // n a power of two (otherwise the table transforms nothing); throws
+    // std::bad_alloc when the table cannot be made.
+    explicit FftTable(size_t n) : n_(is_power_of_two(n) ? n : 0) {
+        if (n_ < 2) return;
+        forward_.resize(2 * (n_ - 1));
+        inverse_.resize(2 * (n_ - 1));
+        for (size_t len = 2; len <= n_; len *= 2) {
             const size_t at = 2 * (len / 2 - 1);  // stages before hold 1 + 2 + ... + len/4
             for (bool inverse : {false, true}) {
                 double sr, si, wr = 1.0, wi = 0.0;

@@ -165,6 +165,11 @@ TEST(Fft, KnownTransforms) {
         EXPECT_NEAR(std::abs(impulse[k] - 1.0), 0.0, 1e-15);
         EXPECT_NEAR(std::abs(phasor[k]), k == 5 ? 64.0 : 0.0, 1e-12) << k;
     }
+    // Lengths that are not powers of two are left alone.
+    std::vector<std::complex<double>> odd(12, {1.0, 2.0});
+    fft_in_place(odd.data(), odd.size(), false);
+    FftTable(12).transform(odd.data(), false);
+    EXPECT_EQ(odd, std::vector<std::complex<double>>(12, {1.0, 2.0}));
     // The inverse undoes the forward transform.
     const auto x = random_signal<float>(4096, 9);
     auto y = x;
