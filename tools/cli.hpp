@@ -45,6 +45,8 @@ struct Command {
 // Defined by each cmd_*.cpp; main.cpp lists them.
 extern const Command kTuneCommand;
 extern const Command kToneCommand;
+extern const Command kClickCommand;
+extern const Command kDevicesCommand;
 
 // ---- options -----------------------------------------------------------
 

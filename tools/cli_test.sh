@@ -251,6 +251,159 @@ else
   echo "note: python3 not found, stereo, resampling and FLAC input not checked"
 fi
 
+# ---- click tracks -------------------------------------------------------------
+# Expected positions come from the tempo: a beat is rate x 60 / BPM frames,
+# and pulse k sits on that exact multiple rounded down.
+if command -v python3 > /dev/null; then
+  cat > wavcheck.py <<'EOF'
+import array, sys, wave
+
+def load(path):
+    with wave.open(path, "rb") as w:
+        ch, width, rate, n = w.getnchannels(), w.getsampwidth(), w.getframerate(), w.getnframes()
+        data = array.array("h", w.readframes(n))
+    if sys.byteorder == "big":
+        data.byteswap()
+    return ch, width, rate, n, data
+
+cmd, path = sys.argv[1], sys.argv[2]
+args = [int(a) for a in sys.argv[3:]] if cmd != "prefix" else []
+ch, width, rate, n, data = load(path)
+left = data[0::ch]
+if cmd == "info":  # channels, bytes a sample, rate, frames, channels identical
+    print(ch, width, rate, n, int(all(data[k::ch] == left for k in range(1, ch))))
+elif cmd == "onsets":  # a click starts at each frame: silence before, sound from it
+    bad = []
+    for p in args:
+        before = left[max(0, p - 64):p]
+        first = next((i for i in range(p, min(n, p + 64)) if left[i] != 0), None)
+        # A click's table may start on a zero crossing: its first sound is
+        # then the frame after.
+        if any(before) or first not in (p, p + 1):
+            bad.append("%d (first sound at %s)" % (p, first))
+    print("ok" if not bad else "no click at " + ", ".join(bad))
+elif cmd == "peaks":  # loudest sample of each window of LEN frames
+    size = args[0]
+    print(" ".join(str(max(abs(v) for v in left[i:i + size])) for i in range(0, n, size)))
+elif cmd == "prefix":  # this file's samples begin the other file's
+    other = load(sys.argv[3])[4]
+    print("ok" if other[:len(data)] == data else "differs")
+EOF
+  wavcheck() { python3 wavcheck.py "$@"; }
+  onsets_at() {  # onsets_at NAME FILE POSITIONS...
+    local name=$1 file=$2
+    shift 2
+    local got
+    got=$(wavcheck onsets "$file" "$@")
+    if [ "$got" = ok ]; then pass; else fail "$name: $got"; fi
+  }
+
+  # 120 BPM at 48000 Hz: 24000 frames a beat; one count-in bar and two bars.
+  run click --render c120.wav --bars 2 --count-in 1
+  if [ "$rc" -eq 0 ] && [ "$(wc -c < c120.wav)" -eq $((44 + 3 * 4 * 24000 * 2)) ] \
+     && [ "$(wavcheck info c120.wav)" = "1 2 48000 288000 1" ]; then
+    pass
+  else
+    fail "120 BPM, 2 bars + count-in: rc $rc, $(wc -c < c120.wav) bytes, $(wavcheck info c120.wav) $err"
+  fi
+  onsets_at "120 BPM beats" c120.wav $(seq 0 24000 264000)
+
+  # 100 BPM at 44100 Hz in 3: 26460 frames a beat, stereo.
+  run click --render c100.wav --bars 3 --beats 3 --bpm 100 --rate 44100 --channels 2
+  if [ "$rc" -eq 0 ] && [ "$(wc -c < c100.wav)" -eq $((44 + 9 * 26460 * 4)) ] \
+     && [ "$(wavcheck info c100.wav)" = "2 2 44100 238140 1" ]; then
+    pass
+  else
+    fail "100 BPM stereo: rc $rc, $(wc -c < c100.wav) bytes, $(wavcheck info c100.wav)"
+  fi
+  onsets_at "100 BPM beats" c100.wav $(seq 0 26460 211680)
+
+  # 110 BPM at 44100 Hz: 24054.54... frames a beat; pulses must not drift.
+  run click --render c110.wav --bars 2 --bpm 110 --rate 44100
+  want=$(awk 'BEGIN { printf "%d", 8 * 44100 * 60 / 110 }')
+  if [ "$(wavcheck info c110.wav)" = "1 2 44100 $want 1" ]; then
+    pass
+  else
+    fail "110 BPM length: $(wavcheck info c110.wav), want $want frames"
+  fi
+  onsets_at "110 BPM beats" c110.wav $(awk 'BEGIN { for (k = 0; k < 8; k++) print int(k * 2646000 / 110) }')
+
+  # Fractional tempo: 90.5 BPM at 8000 Hz in 2 is 10607.73... frames a bar.
+  run click --render c905.wav --bars 5 --bpm 90.5 --beats 2 --rate 8000
+  want=$(awk 'BEGIN { printf "%d", 10 * 8000 * 60000 / 90500 }')
+  if [ "$(wavcheck info c905.wav)" = "1 2 8000 $want 1" ]; then
+    pass
+  else
+    fail "90.5 BPM length: $(wavcheck info c905.wav), want $want frames"
+  fi
+
+  # Accents 2,4,1,0: normal (beat gain 0.75), accent (1.0), soft (sub gain
+  # 0.5, same sound as normal), silent.
+  run click --render acc.wav --bars 1 --accents 2,4,1,0
+  read -r p0 p1 p2 p3 rest <<< "$(wavcheck peaks acc.wav 24000)"
+  if [ "$p1" -gt "$p0" ] && [ "$p0" -gt "$p2" ] && [ "$p2" -gt 0 ] && [ "$p3" -eq 0 ] \
+     && near "$(awk -v a="$p2" -v b="$p0" 'BEGIN { print a / b }')" 0.6667 0.01; then
+    pass
+  else
+    fail "accents 2,4,1,0: beat peaks $p0 $p1 $p2 $p3"
+  fi
+
+  # Swing 0.6 on 2 pulses a beat: pairs of 14400 + 9600 frames.
+  run click --render swing.wav --bars 1 --sub 2 --swing 0.6
+  onsets_at "swing 0.6" swing.wav 0 14400 24000 38400 48000 62400 72000 86400
+
+  # Three against four: second-rhythm clicks at a third and two thirds of the bar.
+  run click --render poly.wav --bars 1 --sound 2 --poly 3
+  onsets_at "second rhythm" poly.wav 0 24000 32000 48000 64000 72000
+
+  # Gap trainer 1,1: every second bar silent. Drop 1: every beat left out,
+  # but never the count-in.
+  run click --render gap.wav --bars 4 --gap 1,1
+  read -r g0 g1 g2 g3 rest <<< "$(wavcheck peaks gap.wav 96000)"
+  if [ "$g0" -gt 0 ] && [ "$g1" -eq 0 ] && [ "$g2" -gt 0 ] && [ "$g3" -eq 0 ]; then
+    pass
+  else
+    fail "gap 1,1: bar peaks $g0 $g1 $g2 $g3"
+  fi
+  run click --render drop.wav --bars 1 --count-in 1 --drop 1
+  read -r d0 d1 rest <<< "$(wavcheck peaks drop.wav 96000)"
+  if [ "$d0" -gt 0 ] && [ "$d1" -eq 0 ]; then pass; else fail "drop 1: bar peaks $d0 $d1"; fi
+
+  # A stepwise ramp 120 -> 180 by 20 every bar: bars of 96000, 82285.71,
+  # 72000 and 64000 frames, bar lines at the running sums rounded down.
+  ramp=(--bpm 120 --ramp-to 180 --ramp-every 1 --ramp-step 20)
+  run click --render ramp4.wav --bars 4 "${ramp[@]}"
+  run click --render ramp5.wav --bars 5 "${ramp[@]}"
+  if [ "$(wavcheck info ramp4.wav)" = "1 2 48000 314285 1" ] \
+     && [ "$(wavcheck info ramp5.wav)" = "1 2 48000 378285 1" ] \
+     && [ "$(wavcheck prefix ramp4.wav ramp5.wav)" = ok ]; then
+    pass
+  else
+    fail "stepwise ramp: $(wavcheck info ramp4.wav) / $(wavcheck info ramp5.wav)"
+  fi
+  # The file ends exactly where the next bar begins.
+  onsets_at "stepwise ramp bar lines" ramp5.wav 0 96000 178285 250285 314285
+  # Linear 100 -> 200 over 4 bars: 100, 125, 150, 175, then 200 BPM.
+  run click --render linear.wav --bars 6 --bpm 100 --ramp-to 200 --ramp-every 4 --linear
+  if [ "$(wavcheck info linear.wav)" = "1 2 48000 465188 1" ]; then
+    pass
+  else
+    fail "linear ramp: $(wavcheck info linear.wav), want 465188 frames"
+  fi
+  onsets_at "linear ramp bar lines" linear.wav 0 115200 207360 284160 349988 407588
+
+  # Rendering again replaces the file whole and leaves nothing beside it.
+  run click --render c120.wav --bars 1
+  if [ "$rc" -eq 0 ] && [ "$(wavcheck info c120.wav)" = "1 2 48000 96000 1" ] \
+     && [ -z "$(ls ./*.tmp* 2> /dev/null)" ] && [[ "$out" == "wrote c120.wav: 1 bar at 120 BPM"* ]]; then
+    pass
+  else
+    fail "replacing a click track: rc $rc, $(wavcheck info c120.wav), $out $err"
+  fi
+else
+  echo "note: python3 not found, click tracks not checked"
+fi
+
 # ---- the command-line contract ------------------------------------------------
 printf 'not audio\n' > text.wav
 : > empty.wav
@@ -263,7 +416,10 @@ usage_cases=(
   "1 tune header-only.wav"
   "1 tune ."
   "1 tone no-such-dir/x.wav"
-  "2 tune"
+  "2 tune --final-only"
+  "2 tune --every 1"
+  "2 tune a2.wav --seconds 1"
+  "2 tune a2.wav --device 00"
   "2 tune a2.wav a2.wav"
   "2 tune a2.wav --bogus"
   "2 tune a2.wav -x"
@@ -281,6 +437,30 @@ usage_cases=(
   "2 tone"
   "2 tone x.wav --note C8 --rate 8000"
   "2 tone x.wav --seconds -1"
+  "1 click --render no-such-dir/x.wav --bars 1"
+  "2 click --bpm 5"
+  "2 click --bpm abc"
+  "2 click --beats 0"
+  "2 click --beats 2.5"
+  "2 click --sub 13"
+  "2 click --swing 0.6"
+  "2 click --sub 2 --swing 0.8"
+  "2 click --accents 4,2,2,2,2"
+  "2 click --accents 4,5"
+  "2 click --accents 4,,2"
+  "2 click --gap 3"
+  "2 click --gap 0,2"
+  "2 click --drop 1.5"
+  "2 click --poly-sound 3"
+  "2 click --ramp-every 2"
+  "2 click --ramp-to 140 --linear --ramp-step 2"
+  "2 click --render x.wav"
+  "2 click --bars 4"
+  "2 click --render x.wav --bars 4 --seconds 2"
+  "2 click --render x.wav --bars 4 --channels 9"
+  "2 click --render x.wav --bars 100000 --bpm 10 --beats 32"
+  "2 click extra"
+  "2 devices extra"
   "2 frob"
   "2 --frob"
   "2"
@@ -310,11 +490,82 @@ else
   fail "missing file message: $err"
 fi
 
-for args in "--help" "help" "help tune" "tune --help" "tone -h" "--version"; do
+for args in "--help" "help" "help tune" "tune --help" "tone -h" "--version" \
+            "click --help" "help devices"; do
   read -r -a words <<< "$args"
   run "${words[@]}"
   if [ "$rc" -eq 0 ] && [ -n "$out" ] && [ -z "$err" ]; then pass; else fail "'$args': exit $rc"; fi
 done
+run --help
+if grep -q '^  click ' <<< "$out" && grep -q '^  devices ' <<< "$out"; then
+  pass
+else
+  fail "overview lacks click or devices: $out"
+fi
+if [ ! -e x.wav ] && [ -z "$(ls ./*.tmp* 2> /dev/null)" ]; then
+  pass
+else
+  fail "a refused render left a file behind: $(ls)"
+fi
+
+# ---- devices, live tuner and click (on a sound server only) -------------------
+# The test command runs a private server whose null sink is the default
+# output and whose monitor, the default input, hears what is played into it.
+if [ -n "${PULSE_SERVER:-}" ]; then
+  run devices
+  capture=$(sed -n '/^capture/,/^playback/p' <<< "$out")
+  playback=$(sed -n '/^playback/,$p' <<< "$out")
+  # Wine lists the system default as a device of its own, so the default
+  # mark and the sink may be on different lines.
+  if [ "$rc" -eq 0 ] && grep -qE '^ +[0-9]+ \* ' <<< "$capture" && grep -qE '^ +[0-9]+ \* ' <<< "$playback" \
+     && grep -q 'Woodshed_null_sink' <<< "$capture" && grep -q 'Woodshed_null_sink' <<< "$playback"; then
+    pass
+  else
+    fail "devices: rc $rc, $out $err"
+  fi
+  sink_id=$(grep -E '^ +[0-9]+ .*Woodshed_null_sink +[0-9a-f]+$' <<< "$playback" | head -1 | awk '{print $NF}')
+
+  # 400 BPM: the count-in bar lasts 0.6 s, then bar 1 begins.
+  run click --seconds 1 --bpm 400 --count-in 1 --device "$sink_id"
+  if [ "$rc" -eq 0 ] && grep -q 'count-in 1/1  beat 1/4  400 BPM' <<< "$out" \
+     && grep -qE 'bar 1 +beat [1-4]/4  400 BPM' <<< "$out" && grep -q 'Woodshed_null_sink' <<< "$out"; then
+    pass
+  else
+    fail "live click: rc $rc, $out $err"
+  fi
+  run click --seconds 1 --device 00ff
+  if [ "$rc" -eq 1 ] && [[ "$err" == "woodshed: no playback device has the ID '00ff'"* ]]; then
+    pass
+  else
+    fail "click on an unknown device: rc $rc, $err"
+  fi
+
+  # The tuner hears an A3 played into the sink.
+  if command -v pacat > /dev/null && command -v python3 > /dev/null; then
+    python3 -c '
+import math, struct, sys
+wave = [0.5 * math.sin(2 * math.pi * 220 * i / 48000) for i in range(48000 * 4)]
+sys.stdout.buffer.write(struct.pack("<%df" % len(wave), *wave))' > a3.raw
+    pacat --playback --raw --format=float32le --rate=48000 --channels=1 a3.raw &
+    player=$!
+    run tune --seconds 2
+    kill "$player" 2> /dev/null
+    wait "$player" 2> /dev/null
+    # A 0.5 sine is 9.03 dB below full scale.
+    if [ "$rc" -eq 0 ] && grep -qE '^ +[0-9.]+s  A3 +220\.[0-9]+ Hz +[-+][0-9.]+ cents  in tune +-9\.[0-9] dBFS' <<< "$out"; then
+      pass
+    else
+      fail "live tuner on A3: rc $rc, $out $err"
+    fi
+  else
+    run tune --seconds 1
+    if [ "$rc" -eq 0 ] && grep -q 'listening to' <<< "$out"; then pass; else fail "live tuner: rc $rc, $err"; fi
+  fi
+elif [ -n "${WOODSHED_REQUIRE_SOUND_SERVER:-}" ]; then
+  fail "no sound server (PULSE_SERVER unset) although one is required"
+else
+  echo "note: no sound server (PULSE_SERVER unset), devices and live checks skipped"
+fi
 
 # ---- Ctrl-C -----------------------------------------------------------------
 # Signals do not reach a program under an emulator the same way; native only.

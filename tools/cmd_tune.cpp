@@ -1,4 +1,5 @@
-// woodshed tune: the tuner's readings of a recording over time.
+// woodshed tune: the tuner's readings of a recording over time; without a
+// file, the live tuner (cmd_tune_live.cpp).
 //
 // The offline call analyses one buffer from scratch and returns the reading
 // after its last frame. To show how the reading develops, each report at time
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "cli.hpp"
+#include "live.hpp"
 #include "woodshed/tuner.h"
 
 namespace cli {
@@ -22,6 +24,7 @@ namespace {
 constexpr OptionSpec kSpecs[] = {
     {"a4", true},    {"note", true},  {"range", true},   {"tolerance", true},
     {"slow", false}, {"every", true}, {"context", true}, {"final-only", false},
+    {"device", true}, {"seconds", true},
 };
 
 // The tuner analyses any rate outside these as if it were 48 kHz, so such
@@ -111,11 +114,32 @@ void print_header(const std::string& path, const AudioReader& reader, const Tune
                 cfg.highest_hz, cfg.tolerance_cents, cfg.slow_smoothing ? ", slow" : "");
 }
 
+// Live mode: the reading options apply as they do to a file.
+int run_live(const Options& opts) {
+    for (const char* file_only : {"every", "context"}) {
+        if (opts.value(file_only)) {
+            throw UsageError("--" + std::string(file_only) + " needs a FILE to read");
+        }
+    }
+    if (opts.flag("final-only")) throw UsageError("--final-only needs a FILE to read");
+    const TunerConfig cfg = config_from(opts);
+    const auto seconds = opts.value("seconds");
+    return run_live_tune(cfg, opts.value("device").value_or(""),
+                         seconds ? parse_number("seconds", *seconds, 0.1, 1e6) : 0.0);
+}
+
 int run_tune(std::span<const std::string> args) {
     const Options opts("tune", args, kSpecs);
     if (opts.help()) {
         std::fputs(kTuneCommand.help, stdout);
         return kExitOk;
+    }
+    if (opts.positionals().empty()) return run_live(opts);
+    for (const char* live_only : {"device", "seconds"}) {
+        if (opts.value(live_only)) {
+            throw UsageError("--" + std::string(live_only) +
+                             " is for the live tuner, 'woodshed tune' without a FILE");
+        }
     }
     opts.expect_positionals(1, "an audio FILE");
     const TunerConfig cfg = config_from(opts);
@@ -215,15 +239,22 @@ int run_tune(std::span<const std::string> args) {
 
 const Command kTuneCommand = {
     "tune",
-    "tune FILE [options]",
-    "print the tuner's readings of a recording (WAV, FLAC, MP3) over time",
-    "usage: woodshed tune FILE [options]\n"
+    "tune [FILE] [options]",
+    "live tuner, or the tuner's readings of a recording over time",
+    "usage: woodshed tune [options]             live, from an input device\n"
+    "       woodshed tune FILE [options]        a recording (WAV, FLAC, MP3)\n"
     "\n"
-    "Runs the tuner over a recording and prints what it shows every --every\n"
-    "seconds: time, note, frequency, deviation in cents, clarity and state\n"
-    "(silent, holding, pitched, in tune). Each of these reports looks at the\n"
-    "preceding --context seconds. The last line, 'final:', is the reading after\n"
-    "hearing the whole file.\n"
+    "Without a FILE the tuner listens to the default input (or --device) and\n"
+    "shows, redrawn in place: note, frequency, deviation in cents on a needle\n"
+    "from -50 to +50 (the '=' zone is the tolerance), state (silent, holding,\n"
+    "pitched, in tune), input level in dBFS and CLIP when the input clips.\n"
+    "When the output is not a terminal it prints a line at every change and\n"
+    "every half second instead. Ctrl-C stops.\n"
+    "\n"
+    "With a FILE it runs the tuner over the recording and prints what it shows\n"
+    "every --every seconds: time, note, frequency, deviation in cents, clarity\n"
+    "and state. Each of these reports looks at the preceding --context seconds.\n"
+    "The last line, 'final:', is the reading after hearing the whole file.\n"
     "\n"
     "options:\n"
     "  --a4 HZ            reference pitch of A4, 400..480 (default 440)\n"
@@ -233,13 +264,19 @@ const Command kTuneCommand = {
     "                     200..5000 (default 55..1200)\n"
     "  --tolerance CENTS  deviation still shown as in tune, 0.5..25 (default 5)\n"
     "  --slow             steadier, slower smoothing of the cents\n"
+    "live only:\n"
+    "  --device ID        input to listen to, an ID from 'woodshed devices'\n"
+    "                     (default: the system's default input)\n"
+    "  --seconds S        stop by itself after S seconds\n"
+    "with a FILE only:\n"
     "  --every SECONDS    interval between reports (default 0.25)\n"
     "  --context SECONDS  audio each report looks back on, 0.1..60 (default 2)\n"
     "  --final-only       print only the header and the final reading\n"
     "  -h, --help         show this help\n"
     "\n"
     "Files at sample rates outside 8000..384000 Hz are resampled to 48000 Hz.\n"
-    "Exit status: 0 done, 1 unreadable file, 2 bad usage, 130 interrupted.\n",
+    "Exit status: 0 done, 1 unreadable file or unusable input device, 2 bad\n"
+    "usage, 130 interrupted (Ctrl-C).\n",
     run_tune,
 };
 

@@ -25,7 +25,12 @@
 
 namespace {
 
-constexpr std::array<const cli::Command*, 2> kCommands = {&cli::kTuneCommand, &cli::kToneCommand};
+constexpr auto kCommands = std::to_array<const cli::Command*>({
+    &cli::kTuneCommand,
+    &cli::kToneCommand,
+    &cli::kClickCommand,
+    &cli::kDevicesCommand,
+});
 
 const cli::Command* find_command(const std::string& name) {
     for (const cli::Command* c : kCommands) {

@@ -1,0 +1,166 @@
+#include "live.hpp"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "cli.hpp"
+
+#if defined(_WIN32)
+#  ifndef NOMINMAX
+#    define NOMINMAX
+#  endif
+#  ifndef WIN32_LEAN_AND_MEAN
+#    define WIN32_LEAN_AND_MEAN
+#  endif
+#  include <windows.h>
+#  ifndef ENABLE_VIRTUAL_TERMINAL_PROCESSING
+#    define ENABLE_VIRTUAL_TERMINAL_PROCESSING 0x0004
+#  endif
+#endif
+
+namespace cli {
+
+std::string result_text(int32_t result, int32_t backend_result) {
+    const char* words = "unknown error";
+    switch (result) {
+        case ws_ok: words = "no error"; break;
+        case ws_already_created: words = "already in use in this program"; break;
+        case ws_not_created: words = "not created"; break;
+        case ws_invalid_argument: words = "invalid argument"; break;
+        case ws_backend_init_failed: words = "no audio back end is available"; break;
+        case ws_no_device: words = "no such device"; break;
+        case ws_device_busy: words = "device busy or unavailable"; break;
+        case ws_access_denied: words = "access to the device denied"; break;
+        case ws_unsupported_format: words = "unsupported format"; break;
+        case ws_device_failure: words = "device failure"; break;
+        default: break;
+    }
+    std::string text = std::string(words) + " (error " + std::to_string(result);
+    if (backend_result != 0) text += ", back end " + std::to_string(backend_result);
+    return text + ")";
+}
+
+DeviceList read_devices(const char* what, int32_t (*refresh)(),
+                        int32_t (*get)(int32_t, DeviceRecord*)) {
+    const int32_t count = refresh();
+    if (count < 0) {
+        throw Failure(std::string("cannot list the ") + what + " devices: " + result_text(count));
+    }
+    DeviceList list;
+    for (int32_t i = 0; i < count; ++i) {
+        DeviceRecord d{};
+        if (get(i, &d) != 1) break;
+        // The record is NUL-padded, but a host never trusts that blindly.
+        d.id_text[sizeof d.id_text - 1] = '\0';
+        d.name[sizeof d.name - 1] = '\0';
+        list.devices.push_back(d);
+    }
+    return list;
+}
+
+const DeviceRecord* find_device(const DeviceList& list, const std::string& id) {
+    for (const DeviceRecord& d : list.devices) {
+        const size_t n = std::strlen(d.id_text);
+        if (n != id.size() || n == 0) continue;
+        bool same = true;
+        for (size_t i = 0; i < n && same; ++i) {
+            same = std::tolower(static_cast<unsigned char>(d.id_text[i])) ==
+                   std::tolower(static_cast<unsigned char>(id[i]));
+        }
+        if (same) return &d;
+    }
+    return nullptr;
+}
+
+const DeviceRecord* default_device(const DeviceList& list) {
+    for (const DeviceRecord& d : list.devices) {
+        if (d.is_default == 1) return &d;
+    }
+    return nullptr;
+}
+
+// ---- display -----------------------------------------------------------
+
+LiveDisplay::LiveDisplay() {
+    if (!is_terminal(stdout)) return;
+#if defined(_WIN32)
+    // Windows consoles take escapes only once asked to; an old console that
+    // refuses gets plain lines instead.
+    HANDLE h = GetStdHandle(STD_OUTPUT_HANDLE);
+    DWORD mode = 0;
+    if (h == INVALID_HANDLE_VALUE || !GetConsoleMode(h, &mode)) return;
+    if (!(mode & ENABLE_VIRTUAL_TERMINAL_PROCESSING)) {
+        if (!SetConsoleMode(h, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING)) return;
+        saved_mode_ = mode;
+        mode_changed_ = true;
+    }
+#else
+    // A terminal that declares itself dumb would print the escapes as text.
+    const char* term = std::getenv("TERM");
+    if (term != nullptr && std::strcmp(term, "dumb") == 0) return;
+#endif
+    in_place_ = true;
+}
+
+LiveDisplay::~LiveDisplay() { finish(); }
+
+void LiveDisplay::draw(const std::vector<std::string>& lines) {
+    if (!in_place_) return;
+    std::string out;
+    if (!cursor_hidden_) {
+        out += "\x1b[?25l";
+        cursor_hidden_ = true;
+    }
+    // The cursor rests at the end of the block's last line.
+    out += '\r';
+    if (shown_ > 1) out += "\x1b[" + std::to_string(shown_ - 1) + "A";
+    const size_t count = std::max(lines.size(), shown_);
+    for (size_t i = 0; i < count; ++i) {
+        if (i > 0) out += '\n';
+        if (i < lines.size()) out += lines[i];
+        out += "\x1b[K";
+    }
+    std::fputs(out.c_str(), stdout);
+    std::fflush(stdout);
+    shown_ = count;
+}
+
+void LiveDisplay::finish() {
+    if (!in_place_) return;
+    std::string out;
+    if (shown_ > 0) out += '\n';
+    if (cursor_hidden_) out += "\x1b[?25h";
+    std::fputs(out.c_str(), stdout);
+    std::fflush(stdout);
+    shown_ = 0;
+    cursor_hidden_ = false;
+#if defined(_WIN32)
+    if (mode_changed_) {
+        SetConsoleMode(GetStdHandle(STD_OUTPUT_HANDLE), saved_mode_);
+        mode_changed_ = false;
+    }
+#endif
+    in_place_ = false;
+}
+
+void sleep_ms(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+
+int64_t parse_integer(std::string_view option, std::string_view text, int64_t lo, int64_t hi) {
+    const std::string s(text);
+    char* end = nullptr;
+    errno = 0;
+    const long long v = std::strtoll(s.c_str(), &end, 10);
+    if (s.empty() || end != s.c_str() + s.size() || errno == ERANGE || v < lo || v > hi) {
+        throw UsageError("--" + std::string(option) + " wants a whole number from " +
+                         std::to_string(lo) + " to " + std::to_string(hi) + ", not '" + s + "'");
+    }
+    return v;
+}
+
+}  // namespace cli

@@ -1,0 +1,79 @@
+// Pieces shared by the commands that run on audio devices (devices, the live
+// tuner, the click): result codes as words, device lists, a display that
+// redraws itself on a terminal, and plain timing helpers.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "woodshed/common.h"
+#include "woodshed/tuner.h"
+
+namespace cli {
+
+// "device busy (error -12)", with the back end's own code when there is one.
+std::string result_text(int32_t result, int32_t backend_result = 0);
+
+// One device list as a family reports it.
+struct DeviceList {
+    std::vector<DeviceRecord> devices;
+};
+
+// Refreshes and copies one family's list through its refresh and get-device
+// calls; a Failure naming `what` when the refresh fails.
+DeviceList read_devices(const char* what, int32_t (*refresh)(),
+                        int32_t (*get)(int32_t, DeviceRecord*));
+
+// The device whose id text equals `id` (hex, case ignored), or nullptr.
+const DeviceRecord* find_device(const DeviceList& list, const std::string& id);
+
+// The device marked as the system default, or nullptr.
+const DeviceRecord* default_device(const DeviceList& list);
+
+// Output that redraws a block of lines in place when stdout is a terminal
+// that understands ANSI escapes; otherwise the command prints plain lines
+// itself (see in_place()).
+class LiveDisplay {
+public:
+    LiveDisplay();
+    ~LiveDisplay();
+    LiveDisplay(const LiveDisplay&) = delete;
+    LiveDisplay& operator=(const LiveDisplay&) = delete;
+
+    bool in_place() const { return in_place_; }
+    // Replaces the block shown last. Lines should stay within 79 columns:
+    // a wrapped line would throw the cursor arithmetic off.
+    void draw(const std::vector<std::string>& lines);
+    // Leaves the last block on screen, shows the cursor, ends the line.
+    void finish();
+
+private:
+    bool in_place_ = false;
+    bool cursor_hidden_ = false;
+    size_t shown_ = 0;
+#if defined(_WIN32)
+    unsigned long saved_mode_ = 0;
+    bool mode_changed_ = false;
+#endif
+};
+
+using Clock = std::chrono::steady_clock;
+
+inline double seconds_between(Clock::time_point from, Clock::time_point to) {
+    return std::chrono::duration<double>(to - from).count();
+}
+
+void sleep_ms(int ms);
+
+// The live tuner on the capture device `device_id` (empty: the default
+// input) until Ctrl-C, or for `seconds` when that is above 0. Returns the
+// exit status.
+int run_live_tune(const TunerConfig& config, const std::string& device_id, double seconds);
+
+// A whole number in [lo, hi]; otherwise a UsageError naming the option.
+int64_t parse_integer(std::string_view option, std::string_view text, int64_t lo, int64_t hi);
+
+}  // namespace cli
