@@ -139,9 +139,11 @@ WS_API int32_t sd_start(const char* source_path, const char* take_path, const ch
  * the writer, writes what is still queued, patches the header and closes
  * the take file. Blocks for about 40 ms or more.
  * Returns (as a signed 64-bit value) the take's length in ms, samples x
- * 1000 / 44100 truncated (0 or more); -2 if there is no instance or nothing
- * is recording. If the disk filled up during the take, the length and the
- * header count the samples that really reached the file. */
+ * 1000 / 44100 truncated (0 or more); -2 if there is no instance, or if no
+ * take has been started successfully since the last sd_stop. If the disk
+ * filled up during the take, the length and the header count the samples
+ * that really reached the file; the recording itself ran on until this
+ * call. */
 WS_API int64_t sd_stop(void);
 
 /* Copies the recording's progress: writes the first 36 bytes of *out
