@@ -10,6 +10,13 @@
 #include <random>
 #include <system_error>
 
+#if defined(__linux__)
+#  include <fcntl.h>
+#  include <linux/fs.h>
+#  include <sys/ioctl.h>
+#  include <unistd.h>
+#endif
+
 namespace ws::test::takes {
 
 namespace fs = std::filesystem;
@@ -311,6 +318,23 @@ std::vector<uint8_t> read_file(const std::string& path) {
 bool exists(const std::string& path) {
     std::error_code ec;
     return fs::exists(native(path), ec);
+}
+
+bool set_immutable(const std::string& path, bool on) {
+#if defined(__linux__)
+    const int fd = ::open(path.c_str(), O_RDONLY);
+    if (fd < 0) return false;
+    int flags = 0;
+    bool ok = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+    flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+    ok = ok && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+    ::close(fd);
+    return ok;
+#else
+    (void)path;
+    (void)on;
+    return false;
+#endif
 }
 
 std::vector<int16_t> read_mono16(const std::string& path, uint32_t* rate) {

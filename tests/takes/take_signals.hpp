@@ -82,6 +82,10 @@ bool write_file(const std::string& path, const std::vector<uint8_t>& bytes);
 std::vector<uint8_t> read_file(const std::string& path);
 bool exists(const std::string& path);
 
+// Sets or clears the immutable attribute (Linux); false where the file
+// system or the process's privileges do not allow it, and elsewhere.
+bool set_immutable(const std::string& path, bool on);
+
 // Decodes a mono 16-bit canonical file (as the safe writer makes them).
 std::vector<int16_t> read_mono16(const std::string& path, uint32_t* rate = nullptr);
 

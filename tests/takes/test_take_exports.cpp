@@ -12,13 +12,6 @@
 #include "take_signals.hpp"
 #include "woodshed/takes.h"
 
-#if defined(__linux__)
-#  include <fcntl.h>
-#  include <linux/fs.h>
-#  include <sys/ioctl.h>
-#  include <unistd.h>
-#endif
-
 namespace {
 
 namespace s = ws::test::takes;
@@ -228,19 +221,9 @@ TEST(TakeExports, AReadOnlyTakeIsNotCleaned) {
 // Read-only files can be renamed on Linux; an immutable one cannot.
 TEST(TakeExports, AnImmutableTakeIsNotCleaned) {
     Files f(44100, 20000, 0, 300);
-    auto set_immutable = [&](bool on) {
-        const int fd = ::open(f.take.c_str(), O_RDONLY);
-        if (fd < 0) return false;
-        int flags = 0;
-        bool ok = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-        flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
-        ok = ok && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-        ::close(fd);
-        return ok;
-    };
-    if (!set_immutable(true)) GTEST_SKIP() << "no immutable attribute here";
+    if (!s::set_immutable(f.take, true)) GTEST_SKIP() << "no immutable attribute here";
     expect_clean_refused(f);
-    set_immutable(false);
+    s::set_immutable(f.take, false);
 }
 #endif
 

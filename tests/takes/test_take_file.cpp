@@ -12,9 +12,6 @@
 #include <vector>
 
 #if defined(__linux__)
-#  include <fcntl.h>
-#  include <linux/fs.h>
-#  include <sys/ioctl.h>
 #  include <sys/stat.h>
 #  include <sys/wait.h>
 #  include <unistd.h>
@@ -450,40 +447,23 @@ TEST(TakeReplacement, TheTakeIsAlwaysOldOrNewAndNoTemporaryStays) {
 
 // What a refused replacement must leave: the old bytes under the take's
 // name and nothing else in the directory.
-void expect_refused_and_untouched(const s::TempDir& dir, const std::string& take,
-                                  const std::vector<uint8_t>& old_bytes) {
+void expect_refused_and_untouched(const std::string& take, const std::vector<uint8_t>& old_bytes) {
     const std::vector<float> x(100, 0.25f);
     EXPECT_FALSE(store_take_wav_safely(take.c_str(), x.data(), x.size(), 44100));
     EXPECT_EQ(s::read_file(take), old_bytes);
     EXPECT_FALSE(s::exists(take + ".tawtmp"));
     EXPECT_FALSE(s::exists(take + ".tawbak"));
-    (void)dir;
 }
 
 #if defined(__linux__)
-// Sets or clears the immutable attribute; false where the file system or
-// the process's privileges do not allow it.
-bool set_immutable(const std::string& path, bool on) {
-    const int fd = ::open(path.c_str(), O_RDONLY);
-    if (fd < 0) return false;
-    int flags = 0;
-    bool ok = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-    if (ok) {
-        flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
-        ok = ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-    }
-    ::close(fd);
-    return ok;
-}
-
 TEST(TakeReplacement, AnImmutableTakeIsLeftAsItWas) {
     s::TempDir dir;
     const std::string take = dir.file("take.wav");
     const auto old_bytes = s::wav16({0.1f, 0.2f, 0.3f}, 44100);
     ASSERT_TRUE(s::write_file(take, old_bytes));
-    if (!set_immutable(take, true)) GTEST_SKIP() << "no immutable attribute here";
-    expect_refused_and_untouched(dir, take, old_bytes);
-    set_immutable(take, false);
+    if (!s::set_immutable(take, true)) GTEST_SKIP() << "no immutable attribute here";
+    expect_refused_and_untouched(take, old_bytes);
+    s::set_immutable(take, false);
 }
 
 // Root may change any directory, so as root the attempt runs in a child
@@ -496,7 +476,7 @@ TEST(TakeReplacement, ADirectoryThatRefusesChangesLeavesTheTake) {
     const std::vector<float> x(100, 0.25f);
     if (::geteuid() != 0) {
         ASSERT_EQ(::chmod(dir.path().c_str(), 0555), 0);
-        expect_refused_and_untouched(dir, take, old_bytes);
+        expect_refused_and_untouched(take, old_bytes);
         ::chmod(dir.path().c_str(), 0755);
         return;
     }
@@ -527,7 +507,7 @@ TEST(TakeReplacement, AFullDiskLeavesTheTake) {
     ASSERT_TRUE(s::write_file(take, old_bytes));
     // The temporary name leads to a device that is always full.
     if (::symlink("/dev/full", (take + ".tawtmp").c_str()) != 0) GTEST_SKIP() << "no /dev/full";
-    expect_refused_and_untouched(dir, take, old_bytes);
+    expect_refused_and_untouched(take, old_bytes);
 }
 #endif
 
@@ -539,7 +519,7 @@ TEST(TakeReplacement, AReadOnlyTakeIsLeftAsItWas) {
     ASSERT_TRUE(s::write_file(take, old_bytes));
     const std::filesystem::path native(std::u8string(take.begin(), take.end()));
     std::filesystem::permissions(native, std::filesystem::perms::owner_write, std::filesystem::perm_options::remove);
-    expect_refused_and_untouched(dir, take, old_bytes);
+    expect_refused_and_untouched(take, old_bytes);
     std::filesystem::permissions(native, std::filesystem::perms::owner_write, std::filesystem::perm_options::add);
 }
 #endif
