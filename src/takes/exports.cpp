@@ -1,6 +1,7 @@
 // The ta_ exports: argument checks, loading, the core, the record. No lock
 // and no instance; everything is owned by the call. Nothing may throw across
-// the C boundary, so allocation failures become -14 here.
+// the C boundary: running out of memory (the only failure that throws)
+// becomes -14 here, like a file that cannot be read.
 #include <cstring>
 #include <new>
 #include <vector>
@@ -83,7 +84,7 @@ extern "C" WS_API int32_t ta_analyze(const char* reference_path, const char* tak
                                    max_delay_ms, out);
         if (rc != ws_ok) std::memset(out, 0, sizeof *out);
         return rc;
-    } catch (const std::bad_alloc&) {
+    } catch (...) {
         std::memset(out, 0, sizeof *out);
         return ws_unsupported_format;
     }
@@ -99,7 +100,7 @@ extern "C" WS_API int32_t ta_clean(const char* reference_path, const char* take_
         const int32_t rc = clean(reference_path, take_path, reference_offset_ms, delay_frames, out);
         if (rc != ws_ok) std::memset(out, 0, sizeof *out);
         return rc;
-    } catch (const std::bad_alloc&) {
+    } catch (...) {
         std::memset(out, 0, sizeof *out);
         return ws_unsupported_format;
     }
