@@ -288,13 +288,19 @@ bool read_only(const std::string& path) {
 }
 
 // Moves the finished file over the target in one step, so the target is
-// either the old file or the whole new one.
-bool replace_file(const std::string& from, const std::string& to) {
+// either the old file or the whole new one. Empty on success, else why not.
+std::string replace_file(const std::string& from, const std::string& to) {
 #if defined(_WIN32)
-    return MoveFileExW(widen(from).c_str(), widen(to).c_str(),
-                       MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+    if (MoveFileExW(widen(from).c_str(), widen(to).c_str(),
+                    MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0) {
+        return {};
+    }
+    const DWORD error = GetLastError();
+    if (error == ERROR_ACCESS_DENIED) return "access denied";
+    return "Windows error " + std::to_string(error);
 #else
-    return std::rename(from.c_str(), to.c_str()) == 0;
+    if (std::rename(from.c_str(), to.c_str()) == 0) return {};
+    return std::strerror(errno);
 #endif
 }
 
@@ -342,7 +348,7 @@ std::vector<unsigned char> wav_header(uint32_t rate, uint32_t channels, uint32_t
 // Owns the temporary file until it has been moved into place.
 class PendingFile {
 public:
-    PendingFile(const std::string& target) : target_(target), temp_(temporary_name(target)) {
+    explicit PendingFile(const std::string& target) : target_(target), temp_(temporary_name(target)) {
         file_ = open_file(temp_, "wb");
         if (file_ == nullptr) fail(errno);
     }
@@ -360,7 +366,8 @@ public:
         FILE* f = file_;
         file_ = nullptr;
         if (std::fclose(f) != 0) fail(errno);
-        if (!replace_file(temp_, target_)) fail(errno);
+        const std::string why = replace_file(temp_, target_);
+        if (!why.empty()) throw Failure("cannot write '" + target_ + "': " + why);
         done_ = true;
     }
 
@@ -609,14 +616,14 @@ const Command kClickCommand = {
     "click",
     "click [options]",
     "metronome on an output device, or a click track written to a WAV file",
-    "usage: woodshed click [options]                     play on an output device\n"
+    "usage: woodshed click [options]                          play\n"
     "       woodshed click --render OUT.wav --bars N [options]   write a WAV file\n"
     "\n"
     "Plays the metronome on the default output (or --device) and shows bar,\n"
     "beat and tempo as it goes; Ctrl-C stops with a short fade. With --render\n"
     "it writes the click track instead: the count-in, then N bars, ending\n"
-    "exactly on the next bar line, as 16-bit PCM. Every pulse sits on its exact\n"
-    "frame, so the file loops seamlessly when the tempo is steady.\n"
+    "exactly on the next bar line, as 16-bit PCM. Pulses fall on their exact\n"
+    "frames: however long the track, the click never drifts.\n"
     "\n"
     "rhythm:\n"
     "  --bpm BPM            tempo, 10..400, fractions allowed (default 120)\n"
