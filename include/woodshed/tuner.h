@@ -57,7 +57,8 @@ typedef struct TunerReading {
     double frequency_hz;   /* detected fundamental; 0 when none */
     double target_hz;      /* frequency of the target note at the configured A4 */
     double cents;          /* smoothed deviation from the target note */
-    double clarity;        /* periodicity of the chosen period, 0.6..1 when pitched */
+    double clarity;        /* periodicity (normalised autocorrelation) at the chosen period, about
+                              0.54..1 when pitched: the shortest period within 90% of the best wins */
     double peak;           /* largest |sample| since the previous frame, at most 1 */
     double level_db;       /* RMS since the previous frame in dBFS, at least -120 */
     double strobe_phase;   /* accumulated phase of detected against target, radians */

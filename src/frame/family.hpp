@@ -58,7 +58,8 @@ public:
         using Result = decltype(fn(std::declval<Engine&>()));
         std::lock_guard<platform::StaticMutex> lock(mutex_);
         if (instance_ == nullptr) return Result(ws_not_created);
-        if (((required == nullptr) || ...)) return Result(ws_invalid_argument);
+        const bool missing = (... || (required == nullptr));
+        if (missing) return Result(ws_invalid_argument);
         return fn(*instance_);
     }
 
