@@ -63,10 +63,13 @@ public:
             return false;  // being replaced right now: take it on the next drain
         }
         out = slot.item;
-        // Advance before releasing the claim, so a producer that claims the
-        // slot next also sees that it has been taken.
-        read_.store(r + 1, std::memory_order_release);
+        // Release the claim before advancing: a claim is then only ever held
+        // on the slot `read` names, which is what lets the producer read a
+        // failed claim as "the consumer is at the newest slot". (Held past
+        // the advance, a lingering claim on an older lap of the slot would
+        // send the producer to append over a command not yet taken.)
         slot.claim.store(kIdle, std::memory_order_release);
+        read_.store(r + 1, std::memory_order_release);
         return true;
     }
 

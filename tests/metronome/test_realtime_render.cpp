@@ -36,18 +36,26 @@ struct Armed {
 };
 }  // namespace
 
-void* operator new(std::size_t n) {
+// Out of line, so the compiler cannot pair an inlined delete's free() with
+// a new it knows as built in (and warn about a mismatch that is not there).
+#if defined(__GNUC__)
+#  define WS_OUT_OF_LINE __attribute__((noinline))
+#else
+#  define WS_OUT_OF_LINE
+#endif
+
+WS_OUT_OF_LINE void* operator new(std::size_t n) {
     note_call();
     if (void* p = std::malloc(n == 0 ? 1 : n)) return p;
     throw std::bad_alloc();
 }
 void* operator new[](std::size_t n) { return operator new(n); }
-void* operator new(std::size_t n, const std::nothrow_t&) noexcept {
+WS_OUT_OF_LINE void* operator new(std::size_t n, const std::nothrow_t&) noexcept {
     note_call();
     return std::malloc(n == 0 ? 1 : n);
 }
 void* operator new[](std::size_t n, const std::nothrow_t& t) noexcept { return operator new(n, t); }
-void operator delete(void* p) noexcept {
+WS_OUT_OF_LINE void operator delete(void* p) noexcept {
     if (p != nullptr) note_call();
     std::free(p);
 }

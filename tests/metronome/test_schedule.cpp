@@ -80,7 +80,9 @@ TEST(BeatScheduling, PulseKLandsOnItsExactFrameWhateverTheBlockSizes) {
             core.start(c);
             auto at = [&](int64_t k) { return pulse_frame(k, g.rate, g.ubpm, g.subdivisions, g.divisor, g.multiplier); };
 
-            const int64_t frames = at(200) + 1;
+            // About a million frames of each grid (24 pulses at least, 200 at most).
+            const int64_t count = std::clamp<int64_t>(1000000 / std::max<int64_t>(at(1), 1), 24, 200);
+            const int64_t frames = at(count) + 1;
             std::vector<float> out(static_cast<size_t>(frames));
             ws::test::BlockSizes sizes(seed, g.max_block);
             int64_t k = 0;  // pulses played so far
@@ -99,7 +101,7 @@ TEST(BeatScheduling, PulseKLandsOnItsExactFrameWhateverTheBlockSizes) {
                 ASSERT_EQ(s.frame_clock, static_cast<uint64_t>(done));
             }
             std::vector<Click> clicks;
-            for (int64_t j = 0; j <= 200; ++j) {
+            for (int64_t j = 0; j <= count; ++j) {
                 clicks.push_back({at(j), 2, false, j % g.subdivisions == 0 ? 0.6 : 0.3});
             }
             const auto expect = expected_track(clicks, core.sound_bank(), 1.0f, out.size());
@@ -150,10 +152,10 @@ bool sanitized_build() {
 TEST(BeatScheduling, TwentyFourHoursAt110BpmKeepExactPhase) {
     // 24 h x 110 BPM = 158400 beats of 24054.54... frames: pulse 158400 falls
     // exactly on frame 3810240000, the end of the run. Sanitizer builds, many
-    // times slower, run one hour (6600 beats, the next on 158760000).
-    const int64_t hours = sanitized_build() ? 1 : 24;
+    // times slower, run 15 minutes (1650 beats, the next on frame 39690000).
+    const int64_t minutes = sanitized_build() ? 15 : 24 * 60;
     const int64_t rate = 44100, ubpm = 110000000;
-    const int64_t total = hours * 3600 * rate;
+    const int64_t total = minutes * 60 * rate;
     MetronomeCore core;
     core.prepare(static_cast<double>(rate));
     MetronomeConfig c = base_config();
@@ -172,13 +174,14 @@ TEST(BeatScheduling, TwentyFourHoursAt110BpmKeepExactPhase) {
                    << pulse_frame(k, rate, ubpm, 1);
         }
     }
-    EXPECT_EQ(k, hours * 6600);
+    EXPECT_EQ(k, minutes * 110);
     EXPECT_EQ(core.next_pulse_frame(), total);
     const MetronomeSnapshot s = snapshot(core);
     EXPECT_EQ(s.frame_clock, static_cast<uint64_t>(total));
     EXPECT_EQ(s.bar, (k - 1) / 4);
-    EXPECT_EQ(s.beat, 3);
-    EXPECT_EQ(s.bar_phase, 1.0);  // the last beat of a bar, played to its very end
+    EXPECT_EQ(s.beat, (k - 1) % 4);
+    // The last pulse played to its very end: bar phase (beat + 1) / 4.
+    EXPECT_EQ(s.bar_phase, static_cast<double>((k - 1) % 4 + 1) / 4.0);
 }
 
 // ------------------------------------------------------------------- swing
