@@ -15,6 +15,16 @@
 #include <thread>
 #include <vector>
 
+#if defined(__SANITIZE_ADDRESS__)
+#  include <sanitizer/lsan_interface.h>
+#  define WS_TEST_LSAN 1
+#elif defined(__has_feature)
+#  if __has_feature(address_sanitizer)
+#    include <sanitizer/lsan_interface.h>
+#    define WS_TEST_LSAN 1
+#  endif
+#endif
+
 #include "recorder_files.hpp"
 #include "sound_server.hpp"
 #include "woodshed/recorder.h"
@@ -147,6 +157,22 @@ Lag latency_near(const std::vector<int16_t>& take, const std::vector<int16_t>& b
     return {};
 }
 
+// The audio library's PulseAudio back end (0.11.22) leaks its connection
+// when a capture device id names no source: the failure path returns
+// without freeing what it just set up. Allocations inside this scope, on
+// this thread, are not reported as leaks.
+class ThirdPartyLeaks {
+public:
+#if defined(WS_TEST_LSAN)
+    ThirdPartyLeaks() { __lsan_disable(); }
+    ~ThirdPartyLeaks() { __lsan_enable(); }
+#else
+    ThirdPartyLeaks() = default;
+#endif
+    ThirdPartyLeaks(const ThirdPartyLeaks&) = delete;
+    ThirdPartyLeaks& operator=(const ThirdPartyLeaks&) = delete;
+};
+
 class RecorderLive : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -238,6 +264,7 @@ TEST_F(RecorderLive, FindsTheMonitorByItsExactName) {
 
     std::string other_case = name;
     for (char& c : other_case) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    const std::string prefix = name.substr(0, name.size() - 1);
     struct Row { const char* label; const char* name; char* buf; int32_t size; int32_t want; };
     const Row rows[] = {
         {"null name", nullptr, buf, 600, ws_invalid_argument},
@@ -246,7 +273,7 @@ TEST_F(RecorderLive, FindsTheMonitorByItsExactName) {
         {"negative size", name.c_str(), buf, -1, ws_invalid_argument},
         {"unknown name", "no such device", buf, 600, 0},
         {"other letter case", other_case.c_str(), buf, 600, other_case == name ? 1 : 0},
-        {"a prefix of the name", name.substr(0, name.size() - 1).c_str(), buf, 600, 0},
+        {"a prefix of the name", prefix.c_str(), buf, 600, 0},
     };
     for (const Row& r : rows) EXPECT_EQ(sd_find_input_by_name(r.name, r.buf, r.size), r.want) << r.label;
 }
@@ -270,7 +297,11 @@ TEST_F(RecorderLive, BadArgumentsAndFilesFailWithoutATake) {
 
 TEST_F(RecorderLive, AnUnknownWellFormedIdFailsAndLeavesAHeaderOnlyTake) {
     const std::string take = dir_.file("take.wav");
-    const int32_t r = sd_start(nullptr, take.c_str(), "0123456789abcdef", 0);
+    int32_t r;
+    {
+        const ThirdPartyLeaks not_ours;
+        r = sd_start(nullptr, take.c_str(), "0123456789abcdef", 0);
+    }
     EXPECT_TRUE(r == ws_device_failure || r == ws_access_denied) << r;
     const Take t = read_take(take);
     EXPECT_EQ(t.file_size, 44u);
