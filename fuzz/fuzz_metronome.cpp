@@ -73,7 +73,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::fill(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(n + kGuard), 12345.0f);
         core->render(out.data(), frames, channels);
         // Every sample overwritten, within full scale; nothing written past the block.
-        for (size_t i = 0; i < n; ++i) check(std::isfinite(out[i]) && out[i] >= -1.0f && out[i] <= 1.0f, "sample");
+        for (size_t i = 0; i < n; ++i) {
+            check(std::isfinite(out[i]) && out[i] >= -1.0f && out[i] <= 1.0f, "sample");
+        }
         for (size_t i = n; i < n + kGuard; ++i) check(out[i] == 12345.0f, "wrote past the block");
         rendered += frames;
         MetronomeSnapshot s;

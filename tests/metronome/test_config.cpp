@@ -180,7 +180,8 @@ TEST(MetronomeCommandCheck, TempoAndGainCommandsAreClamped) {
         EXPECT_EQ(ws::test::snapshot(core).tempo_ubpm, r.out) << r.in;
     }
     struct GainRow { double in; float out; };
-    const GainRow gains[] = {{kNaN, 0.0f}, {kInf, 0.0f}, {-kInf, 0.0f}, {-0.5, 0.0f}, {2.0, 1.0f}, {0.25, 0.25f}};
+    const GainRow gains[] = {{kNaN, 0.0f}, {kInf, 0.0f}, {-kInf, 0.0f},
+                             {-0.5, 0.0f}, {2.0, 1.0f},  {0.25, 0.25f}};
     for (const auto& r : gains) {
         ws::metronome::MetronomeCore core;
         core.start(ws::test::base_config());

@@ -78,7 +78,9 @@ TEST(BeatScheduling, PulseKLandsOnItsExactFrameWhateverTheBlockSizes) {
             c.beat_divisor = static_cast<int32_t>(g.divisor);
             c.beat_multiplier = static_cast<int32_t>(g.multiplier);
             core.start(c);
-            auto at = [&](int64_t k) { return pulse_frame(k, g.rate, g.ubpm, g.subdivisions, g.divisor, g.multiplier); };
+            auto at = [&](int64_t k) {
+                return pulse_frame(k, g.rate, g.ubpm, g.subdivisions, g.divisor, g.multiplier);
+            };
 
             // About a million frames of each grid (24 pulses at least, 200 at most).
             const int64_t count = std::clamp<int64_t>(1000000 / std::max<int64_t>(at(1), 1), 24, 200);
@@ -211,7 +213,9 @@ TEST(BeatScheduling, SwingSplitsEachPairButKeepsItsLength) {
         const int64_t frames = at(64);
         const std::vector<float> out = render_mono(core, static_cast<size_t>(frames), 333, 5);
         std::vector<Click> clicks;
-        for (int64_t j = 0; j < 64; ++j) clicks.push_back({at(j), 2, false, j % r.subdivisions == 0 ? 0.6 : 0.3});
+        for (int64_t j = 0; j < 64; ++j) {
+            clicks.push_back({at(j), 2, false, j % r.subdivisions == 0 ? 0.6 : 0.3});
+        }
         EXPECT_EQ(first_difference(out, expected_track(clicks, core.sound_bank(), 1.0f, out.size())), "");
         EXPECT_EQ(core.next_pulse_frame(), at(64));
     }
@@ -630,7 +634,9 @@ TEST(BeatScheduling, StopFadesOverExactlyOneBlock) {
         bool any = false;
         for (uint32_t i = 0; i < block; ++i) {
             const float scale = 1.0f - static_cast<float>(i) / static_cast<float>(block);
-            for (uint32_t ch = 0; ch < 2; ++ch) ASSERT_EQ(b[i * 2 + ch], a[i * 2 + ch] * scale) << block << " " << i;
+            for (uint32_t ch = 0; ch < 2; ++ch) {
+                ASSERT_EQ(b[i * 2 + ch], a[i * 2 + ch] * scale) << block << " " << i;
+            }
             any |= a[i * 2] != 0.0f;
         }
         EXPECT_TRUE(any);

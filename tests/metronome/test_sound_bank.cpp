@@ -264,7 +264,9 @@ TEST(VoicePool, EveryChannelCarriesTheSameClickWithHeadroom) {
         pool.mix(out.data(), 64, channels, 0.8f);
         for (size_t f = 0; f < 64; ++f) {
             const float expect = f >= 3 && f < 53 ? t[f - 3] * (0.5f * (0.8f * 0.85f)) : 0.0f;
-            for (size_t c = 0; c < channels; ++c) ASSERT_EQ(out[f * channels + c], expect) << channels << " " << f;
+            for (size_t c = 0; c < channels; ++c) {
+                ASSERT_EQ(out[f * channels + c], expect) << channels << " " << f;
+            }
         }
     }
 }
