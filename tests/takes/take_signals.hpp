@@ -8,6 +8,19 @@
 #include <string>
 #include <vector>
 
+// Long single-threaded signal tests add nothing under ThreadSanitizer, which
+// slows them twenty-fold; the other builds (plain, ASan, Wine) run them.
+#if defined(__SANITIZE_THREAD__)
+#  define WS_SKIP_UNDER_TSAN() GTEST_SKIP() << "single-threaded signal processing"
+#elif defined(__has_feature)
+#  if __has_feature(thread_sanitizer)
+#    define WS_SKIP_UNDER_TSAN() GTEST_SKIP() << "single-threaded signal processing"
+#  endif
+#endif
+#ifndef WS_SKIP_UNDER_TSAN
+#  define WS_SKIP_UNDER_TSAN() static_cast<void>(0)
+#endif
+
 namespace ws::test::takes {
 
 // Three voices of harmonic notes with attack/decay envelopes, changing
