@@ -13,8 +13,8 @@
  * Threads: these calls take no lock and keep no state or instance; any
  * thread may call them at any time, also several at once on different
  * files. They block for the length of the work (file reading, analysis,
- * and for ta_clean the rewrite, which may wait up to about 0.4 s for
- * a file that another program holds). Two calls rewriting the same take at
+ * and for ta_clean the rewrite, which retries for up to about 0.6 s when
+ * another program holds a file). Two calls rewriting the same take at
  * the same time are not guarded against.
  */
 #ifndef WOODSHED_TAKES_H
