@@ -96,12 +96,15 @@ public:
     // The log is at debug level (the test command's fixture sets it), where
     // the server records playback underruns; at its default level it does not.
     bool at_debug_level() const { return since_start().find("D: [") != std::string::npos; }
+    // Underruns of any playback stream but the keep-alive ("pacat") that the
+    // server script runs: during a take that is the recorder's own stream,
+    // whatever the audio stack calls it.
     int playback_underruns() const {
         const std::string text = since_start();
+        const std::string mark = "underrun of '";
         int n = 0;
-        for (size_t at = text.find("underrun of 'miniaudio"); at != std::string::npos;
-             at = text.find("underrun of 'miniaudio", at + 1)) {
-            ++n;
+        for (size_t at = text.find(mark); at != std::string::npos; at = text.find(mark, at + 1)) {
+            if (text.compare(at + mark.size(), 6, "pacat'") != 0) ++n;
         }
         return n;
     }
@@ -142,6 +145,15 @@ Lag find_lag(const std::vector<int16_t>& take, const std::vector<int16_t>& backi
     return best;
 }
 
+// Under Wine the Windows audio layer keeps buffers of its own on both sides
+// and lets them run over or dry unseen by the server: its latency steps are
+// reported, not judged.
+#if defined(_WIN32)
+constexpr bool kServerSeesEveryStep = false;
+#else
+constexpr bool kServerSeesEveryStep = true;
+#endif
+
 // The latency over the first clear window from `from` on, stepping by
 // 0.1 s in `direction` (+1 forward, -1 backward): a window that straddles a
 // latency step scores low and is passed over.
@@ -167,7 +179,8 @@ public:
     ThirdPartyLeaks() { __lsan_disable(); }
     ~ThirdPartyLeaks() { __lsan_enable(); }
 #else
-    ThirdPartyLeaks() = default;
+    ThirdPartyLeaks() {}
+    ~ThirdPartyLeaks() {}
 #endif
     ThirdPartyLeaks(const ThirdPartyLeaks&) = delete;
     ThirdPartyLeaks& operator=(const ThirdPartyLeaks&) = delete;
@@ -331,13 +344,17 @@ TEST_F(RecorderLive, TheTakeHoldsTheBackingFromTheStartPositionAtASteadyLatency)
     EXPECT_GT(s.input_peak, 0.1);  // the monitor hears the noise
     EXPECT_EQ(s.playback_done, 0u);
     const int64_t ms = sd_stop();
-    EXPECT_EQ(state().recording, 0u);
+    s = state();
+    EXPECT_EQ(s.recording, 0u);
 
     const Take t = read_take(take);
     ASSERT_TRUE(t.ok);
     EXPECT_EQ(t.data_size, 2 * t.samples.size());
     EXPECT_EQ(ms, static_cast<int64_t>(t.samples.size()) * 1000 / kRate);
     ASSERT_GE(t.samples.size(), size_t{3 * kRate});
+    // Every frame the callback was handed is in the file, in its place: the
+    // library lost and added nothing, whatever the latency does below.
+    EXPECT_EQ(static_cast<int64_t>(t.samples.size()), s.captured_frames);
 
     const Lag first = latency_near(t.samples, noise, start, kRate / 5, +1);
     const Lag last = latency_near(t.samples, noise, start, t.samples.size() - kRate / 5 - 2205, -1);
@@ -350,13 +367,14 @@ TEST_F(RecorderLive, TheTakeHoldsTheBackingFromTheStartPositionAtASteadyLatency)
     EXPECT_LT(first.lag, kRate / 5);  // about 35 ms through the server
     // Without an underrun the latency holds (the resampling on the way may
     // move the peak by a frame). An underrun makes the server play silence
-    // and the rest later: the latency steps up; on this resampled path the
-    // server's restart of its resampler may also take back a few frames.
-    // A period the library lost would pull it down by 441 frames or more.
+    // and the rest later, so the latency steps up; the rewind with which the
+    // server then catches up can also take some of that back, or more, in
+    // what its monitor hands on. Either way a step needs an underrun in the
+    // server's log (the count above shows the library kept every frame).
     if (std::abs(last.lag - first.lag) > 1) {
-        EXPECT_GT(last.lag, first.lag - 44) << "the take lost audio: the latency fell by "
-                                            << first.lag - last.lag << " frames";
-        if (log.at_debug_level()) {
+        if (!kServerSeesEveryStep) {
+            std::printf("note: latency stepped by %d frames in the Windows audio layer\n", last.lag - first.lag);
+        } else if (log.at_debug_level()) {
             EXPECT_GT(underruns, 0) << "latency stepped from " << first.lag << " to " << last.lag
                                     << " frames with no playback underrun in the server's log";
         } else {
@@ -402,6 +420,7 @@ TEST_F(RecorderLive, TheHeaderIsOnDiskAfterFiveSecondsWhileRecording) {
     const int64_t ms = sd_stop();
     t = read_take(take);
     EXPECT_EQ(t.file_size, 44u + t.data_size);
+    EXPECT_EQ(static_cast<int64_t>(t.data_size / 2), state().captured_frames);
     EXPECT_EQ(ms, static_cast<int64_t>(t.data_size / 2) * 1000 / kRate);
     EXPECT_GE(ms, 5000);
 }
@@ -421,6 +440,7 @@ TEST_F(RecorderLive, StartingTwiceFinishesTheFirstTake) {
     const int64_t ms = sd_stop();
     const Take b = read_take(second);
     EXPECT_EQ(b.file_size, 44u + b.data_size);
+    EXPECT_EQ(static_cast<int64_t>(b.data_size / 2), state().captured_frames);  // the second take's count
     EXPECT_EQ(ms, static_cast<int64_t>(b.data_size / 2) * 1000 / kRate);
     EXPECT_GE(ms, 200);
     EXPECT_EQ(sd_stop(), int64_t{ws_not_created});
@@ -494,6 +514,7 @@ TEST_F(RecorderLive, BitExactThroughASinkAt44100) {
     sd_stop();
     const Take t = read_take(take);
     ASSERT_GE(t.samples.size(), size_t{2 * kRate});
+    EXPECT_EQ(static_cast<int64_t>(t.samples.size()), state().captured_frames);
 
     // Each 10 ms block of the take either equals, sample for sample, the
     // backing at some lag, or straddles a latency step (or the silence
@@ -528,7 +549,6 @@ TEST_F(RecorderLive, BitExactThroughASinkAt44100) {
         ++blocks;
         if (*it < 0) continue;
         ++exact;
-        EXPECT_GE(*it, previous) << "the latency fell at block " << (it - lags.begin());
         if (*it != previous) ++steps;
         previous = *it;
     }
@@ -538,7 +558,7 @@ TEST_F(RecorderLive, BitExactThroughASinkAt44100) {
     EXPECT_LT(*first, kRate / 5);  // about 35 ms through the server
     if (steps == 0) {
         EXPECT_EQ(exact, blocks) << "without a step every block must be exact";
-    } else if (log.at_debug_level()) {
+    } else if (log.at_debug_level() && kServerSeesEveryStep) {
         EXPECT_GT(underruns, 0) << "the latency stepped with no playback underrun in the server's log";
     }
     EXPECT_GT(exact, blocks / 2);
