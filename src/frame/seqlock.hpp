@@ -28,8 +28,9 @@ public:
         std::memcpy(words, &value, sizeof(T));
         const uint64_t s = sequence_.load(std::memory_order_relaxed);
         sequence_.store(s + 1, std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_release);
-        for (size_t i = 0; i < kWords; ++i) words_[i].store(words[i], std::memory_order_relaxed);
+        // Release on each word keeps the odd sequence ahead of it: a reader
+        // that sees any new word also sees that a write has begun.
+        for (size_t i = 0; i < kWords; ++i) words_[i].store(words[i], std::memory_order_release);
         sequence_.store(s + 2, std::memory_order_release);
     }
 
@@ -41,8 +42,8 @@ public:
             if (before == 0) return false;
             if (before & 1) continue;
             uint64_t words[kWords];
-            for (size_t i = 0; i < kWords; ++i) words[i] = words_[i].load(std::memory_order_relaxed);
-            std::atomic_thread_fence(std::memory_order_acquire);
+            // Acquire on each word keeps the second sequence load after them.
+            for (size_t i = 0; i < kWords; ++i) words[i] = words_[i].load(std::memory_order_acquire);
             if (sequence_.load(std::memory_order_relaxed) == before) {
                 std::memcpy(out, words, sizeof(T));
                 return true;
