@@ -14,107 +14,21 @@
 #include "click_track.hpp"
 #include "metronome/core.hpp"
 
-#if defined(WS_INTERPOSE_LIBC)
-#  include <dlfcn.h>
-#  include <pthread.h>
-#  include <time.h>
-#endif
-
-namespace {
-thread_local bool t_armed = false;
-std::atomic<long> g_calls{0};
-
-void note_call() {
-    if (t_armed) g_calls.fetch_add(1, std::memory_order_relaxed);
-}
-
-struct Armed {
-    Armed() { t_armed = true; }
-    ~Armed() { t_armed = false; }
-    Armed(const Armed&) = delete;
-    Armed& operator=(const Armed&) = delete;
-};
-}  // namespace
-
-// Out of line, so the compiler cannot pair an inlined delete's free() with
-// a new it knows as built in (and warn about a mismatch that is not there).
-#if defined(__GNUC__)
-#  define WS_OUT_OF_LINE __attribute__((noinline))
-#else
-#  define WS_OUT_OF_LINE
-#endif
-
-WS_OUT_OF_LINE void* operator new(std::size_t n) {
-    note_call();
-    if (void* p = std::malloc(n == 0 ? 1 : n)) return p;
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t n) { return operator new(n); }
-WS_OUT_OF_LINE void* operator new(std::size_t n, const std::nothrow_t&) noexcept {
-    note_call();
-    return std::malloc(n == 0 ? 1 : n);
-}
-void* operator new[](std::size_t n, const std::nothrow_t& t) noexcept { return operator new(n, t); }
-WS_OUT_OF_LINE void operator delete(void* p) noexcept {
-    if (p != nullptr) note_call();
-    std::free(p);
-}
-void operator delete[](void* p) noexcept { operator delete(p); }
-void operator delete(void* p, std::size_t) noexcept { operator delete(p); }
-void operator delete[](void* p, std::size_t) noexcept { operator delete(p); }
-
-#if defined(WS_INTERPOSE_LIBC)
-namespace {
-template <class Fn>
-Fn next_symbol(const char* name) {
-    return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-}
-}  // namespace
-
-extern "C" {
-extern void* __libc_malloc(size_t);
-extern void* __libc_calloc(size_t, size_t);
-extern void* __libc_realloc(void*, size_t);
-extern void __libc_free(void*);
-
-void* malloc(size_t n) { note_call(); return __libc_malloc(n); }
-void* calloc(size_t a, size_t b) { note_call(); return __libc_calloc(a, b); }
-void* realloc(void* p, size_t n) { note_call(); return __libc_realloc(p, n); }
-void free(void* p) {
-    if (p != nullptr) note_call();
-    __libc_free(p);
-}
-
-int pthread_mutex_lock(pthread_mutex_t* m) {
-    note_call();
-    static auto real = next_symbol<int (*)(pthread_mutex_t*)>("pthread_mutex_lock");
-    return real(m);
-}
-int pthread_mutex_trylock(pthread_mutex_t* m) {
-    note_call();
-    static auto real = next_symbol<int (*)(pthread_mutex_t*)>("pthread_mutex_trylock");
-    return real(m);
-}
-int nanosleep(const struct timespec* a, struct timespec* b) {
-    note_call();
-    static auto real = next_symbol<int (*)(const struct timespec*, struct timespec*)>("nanosleep");
-    return real(a, b);
-}
-}  // extern "C"
-#endif
+#include "rt_counter.hpp"
 
 namespace {
 
 using ws::metronome::MetronomeCore;
+using ws::test::rt::Armed;
 
 TEST(MetronomeRealTime, TheCounterSeesWhatItIsMeantToCatch) {
-    const long before = g_calls.load();
+    const long before = ws::test::rt::counted();
     {
         Armed armed;
         auto* p = new std::vector<int>(8);
         delete p;
     }
-    EXPECT_GE(g_calls.load() - before, 2);
+    EXPECT_GE(ws::test::rt::counted() - before, 2);
 }
 
 TEST(MetronomeRealTime, RenderAndCommandsNeitherAllocateNorLock) {
@@ -139,7 +53,7 @@ TEST(MetronomeRealTime, RenderAndCommandsNeitherAllocateNorLock) {
     linear.subdivisions = 5;
     std::vector<float> out(1024 * 8);
     int most_voices = 0;
-    g_calls = 0;
+    ws::test::rt::reset();
     {
         Armed armed;
         core.start(busy);
@@ -165,7 +79,7 @@ TEST(MetronomeRealTime, RenderAndCommandsNeitherAllocateNorLock) {
             most_voices = std::max(most_voices, core.voices().active_count());
         }
     }
-    EXPECT_EQ(g_calls.load(), 0);
+    EXPECT_EQ(ws::test::rt::counted(), 0);
     EXPECT_EQ(most_voices, ws::metronome::VoicePool::kVoices);  // the stealing path ran too
 }
 
