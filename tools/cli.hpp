@@ -47,6 +47,7 @@ extern const Command kTuneCommand;
 extern const Command kToneCommand;
 extern const Command kClickCommand;
 extern const Command kDevicesCommand;
+extern const Command kRecordCommand;
 
 // ---- options -----------------------------------------------------------
 

@@ -516,8 +516,9 @@ if [ -n "${PULSE_SERVER:-}" ]; then
   capture=$(sed -n '/^capture/,/^playback/p' <<< "$out")
   playback=$(sed -n '/^playback/,$p' <<< "$out")
   # Wine lists the system default as a device of its own, so the default
-  # mark and the sink may be on different lines.
-  if [ "$rc" -eq 0 ] && grep -qE '^ +[0-9]+ \* ' <<< "$capture" && grep -qE '^ +[0-9]+ \* ' <<< "$playback" \
+  # mark and the sink may be on different lines. The column after the
+  # default mark carries the recorder's mark on inputs.
+  if [ "$rc" -eq 0 ] && grep -qE '^ +[0-9]+ \*[ r] ' <<< "$capture" && grep -qE '^ +[0-9]+ \* ' <<< "$playback" \
      && grep -q 'Woodshed_null_sink' <<< "$capture" && grep -q 'Woodshed_null_sink' <<< "$playback"; then
     pass
   else

@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "cli.hpp"
 #include "live.hpp"
 #include "woodshed/metronome.h"
+#include "woodshed/recorder.h"
 #include "woodshed/tuner.h"
 
 namespace cli {
@@ -35,12 +38,35 @@ struct Metronome {
     Metronome& operator=(const Metronome&) = delete;
 };
 
-// Two mark columns: the first for the system default; the second is kept
-// free for a per-command mark (e.g. inputs another command can use), so the
-// layout need not change when one is added.
-std::string marks(const DeviceRecord& d) { return std::string(d.is_default == 1 ? "*" : " ") + " "; }
+// The inputs 'woodshed record --input NAME' reaches: the recorder looks a
+// capture device up by its exact name and takes the first of that name, so
+// a device counts when the lookup of its name gives back its own id. An
+// empty id would mean the default input, so such a device counts only when
+// it is the default. Without a recorder nothing is marked.
+std::set<std::string> recordable_inputs(const DeviceList& capture) {
+    std::set<std::string> ids;
+    if (sd_create() != ws_ok) return ids;
+    std::vector<char> id(1100);
+    for (const DeviceRecord& d : capture.devices) {
+        if (sd_find_input_by_name(d.name, id.data(), static_cast<int32_t>(id.size())) != 1) continue;
+        // The record's id text is cut at 263 characters; compare what it holds.
+        const size_t n = std::strlen(d.id_text);
+        const bool same = std::strncmp(id.data(), d.id_text, n) == 0 && (id[n] == '\0' || n == sizeof d.id_text - 1);
+        if (same && (n > 0 || d.is_default == 1)) ids.insert(d.id_text);
+    }
+    sd_destroy();
+    return ids;
+}
 
-void print_list(const char* title, const DeviceList& list, int name_width) {
+// Two mark columns: the first for the system default, the second for the
+// inputs that 'woodshed record --input NAME' accepts.
+std::string marks(const DeviceRecord& d, const std::set<std::string>* recordable) {
+    return std::string(d.is_default == 1 ? "*" : " ") +
+           (recordable != nullptr && recordable->count(d.id_text) ? "r" : " ");
+}
+
+void print_list(const char* title, const DeviceList& list, int name_width,
+                const std::set<std::string>* recordable = nullptr) {
     std::printf("%s\n", title);
     if (list.devices.empty()) {
         std::printf("  (none)\n");
@@ -48,7 +74,7 @@ void print_list(const char* title, const DeviceList& list, int name_width) {
     }
     int index = 0;
     for (const DeviceRecord& d : list.devices) {
-        std::printf("  %2d %s %-*s  %s\n", index++, marks(d).c_str(), name_width, d.name,
+        std::printf("  %2d %s %-*s  %s\n", index++, marks(d, recordable).c_str(), name_width, d.name,
                     d.id_text);
     }
 }
@@ -77,9 +103,10 @@ int run_devices(std::span<const std::string> args) {
         for (const DeviceRecord& d : l->devices) widest = std::max(widest, std::strlen(d.name));
     }
     const int width = static_cast<int>(std::min<size_t>(widest, 40));
-    print_list("capture devices (for 'woodshed tune --device ID'):", capture, width);
+    const std::set<std::string> recordable = recordable_inputs(capture);
+    print_list("capture devices (for 'woodshed tune --device ID'):", capture, width, &recordable);
     print_list("playback devices (for 'woodshed click --device ID'):", playback, width);
-    std::printf("* system default; the last column is the ID\n");
+    std::printf("* system default; r 'woodshed record --input NAME' takes it; the last column is the ID\n");
     return kExitOk;
 }
 
@@ -94,7 +121,8 @@ const Command kDevicesCommand = {
     "Lists the audio devices the library can open: capture devices (inputs of\n"
     "the live tuner) and playback devices (outputs of the click), each with its\n"
     "index, a '*' on the system default, its name and its ID. Pass the ID to\n"
-    "--device to choose that device.\n"
+    "--device to choose that device. An 'r' marks the inputs that 'woodshed\n"
+    "record --input NAME' accepts by name.\n"
     "\n"
     "options:\n"
     "  -h, --help         show this help\n"

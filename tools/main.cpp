@@ -30,6 +30,7 @@ constexpr auto kCommands = std::to_array<const cli::Command*>({
     &cli::kToneCommand,
     &cli::kClickCommand,
     &cli::kDevicesCommand,
+    &cli::kRecordCommand,
 });
 
 const cli::Command* find_command(const std::string& name) {
