@@ -48,6 +48,8 @@ extern const Command kToneCommand;
 extern const Command kClickCommand;
 extern const Command kDevicesCommand;
 extern const Command kRecordCommand;
+extern const Command kAlignCommand;
+extern const Command kCleanCommand;
 
 // ---- options -----------------------------------------------------------
 

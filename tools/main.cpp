@@ -31,6 +31,8 @@ constexpr auto kCommands = std::to_array<const cli::Command*>({
     &cli::kClickCommand,
     &cli::kDevicesCommand,
     &cli::kRecordCommand,
+    &cli::kAlignCommand,
+    &cli::kCleanCommand,
 });
 
 const cli::Command* find_command(const std::string& name) {

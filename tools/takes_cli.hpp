@@ -11,12 +11,6 @@
 #include "cli.hpp"
 #include "woodshed/takes.h"
 
-namespace cli {
-// Defined in cmd_align.cpp and cmd_clean.cpp.
-extern const Command kAlignCommand;
-extern const Command kCleanCommand;
-}  // namespace cli
-
 namespace cli::takes {
 
 // --from SECONDS as whole milliseconds.
