@@ -3,7 +3,10 @@
 // exports, which need an engine and so an audio context.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
+#include <vector>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -16,6 +19,27 @@ namespace {
 using namespace std::chrono_literals;
 using ws::test::TonePlayer;
 using ws::test::wait_for;
+
+// Median of a field over the readings of `span`: a loaded server can drop a
+// few milliseconds of the tone now and then, and one frame over such a gap
+// reads a little off.
+template <class Field>
+double median_of(Field field, std::chrono::milliseconds span) {
+    std::vector<double> values;
+    uint64_t last_frame = 0;
+    const auto end = std::chrono::steady_clock::now() + span;
+    while (std::chrono::steady_clock::now() < end) {
+        TunerReading r{};
+        if (tn_engine_get_reading(&r) == 1 && r.frame_count != last_frame) {
+            last_frame = r.frame_count;
+            values.push_back(field(r));
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    if (values.empty()) return std::nan("");
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
 
 TunerStatus status() {
     TunerStatus s{};
@@ -122,12 +146,10 @@ TEST_F(TunerLive, AToneInTheSinkReadsAsItsNoteInTune) {
     EXPECT_GE(s.device_channels, 1u);
     EXPECT_EQ(s.default_used, 1u);
     time_to_in_tune(55);
-    std::this_thread::sleep_for(300ms);  // let the smoothing settle
-    TunerReading r{};
-    ASSERT_EQ(tn_engine_get_reading(&r), 1);
-    EXPECT_NEAR(r.frequency_hz, 196.0, 0.2);
-    EXPECT_NEAR(r.cents, 0.0, 2.0);
-    EXPECT_GT(r.level_db, -20.0);
+    std::this_thread::sleep_for(200ms);  // let the smoothing settle
+    EXPECT_NEAR(median_of([](const TunerReading& r) { return r.frequency_hz; }, 500ms), 196.0, 0.2);
+    EXPECT_NEAR(median_of([](const TunerReading& r) { return r.cents; }, 500ms), 0.0, 2.0);
+    EXPECT_NEAR(median_of([](const TunerReading& r) { return r.level_db; }, 300ms), -9.03, 1.0);  // 0.5 sine
 }
 
 TEST_F(TunerLive, IdTextsChooseTheListedDeviceOrFallBackToTheDefault) {
@@ -200,8 +222,9 @@ TEST_F(TunerLive, ConfigureChangesTheTargetWhileRunning) {
     ASSERT_EQ(tn_engine_configure(&fixed), ws_ok);
     TunerReading r{};
     EXPECT_TRUE(wait_for([&] { return tn_engine_get_reading(&r) == 1 && r.note == 64; }, 2000ms));
-    EXPECT_NEAR(r.cents, 500.0, 3.0);
     EXPECT_EQ(r.state, uint32_t(tn_state_pitched));
+    std::this_thread::sleep_for(200ms);
+    EXPECT_NEAR(median_of([](const TunerReading& x) { return x.cents; }, 500ms), 500.0, 3.0);
 }
 
 TEST_F(TunerLive, DestroyWhileRunningReturnsPromptly) {
