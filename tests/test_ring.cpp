@@ -153,8 +153,14 @@ TEST(SeqLock, NothingPublishedReadsAsNothing) {
 TEST(SeqLock, ReadersNeverSeeATornRecord) {
     ws::frame::SeqLock<Record> lock;
     std::atomic<bool> stop{false};
+    std::atomic<uint64_t> pause_point{0};
     std::thread writer([&] {
-        for (uint64_t i = 1; !stop.load(std::memory_order_relaxed); ++i) lock.publish({i, i * 3, i * 7, i * 11});
+        // A short pause between records, as a real writer has: a writer
+        // that never pauses leaves no window for a consistent read at all.
+        for (uint64_t i = 1; !stop.load(std::memory_order_relaxed); ++i) {
+            lock.publish({i, i * 3, i * 7, i * 11});
+            for (int spin = 0; spin < 200; ++spin) pause_point.fetch_add(1, std::memory_order_relaxed);
+        }
     });
     while (lock.sequence() == 0) std::this_thread::yield();
     uint64_t reads = 0, torn = 0, last = 0, backwards = 0;
