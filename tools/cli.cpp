@@ -81,13 +81,13 @@ Options::Options(std::string_view command, std::span<const std::string> args,
             inline_value = name.substr(eq + 1);
             name.resize(eq);
         }
-        const auto spec = std::find_if(specs.begin(), specs.end(),
-                                       [&](const OptionSpec& s) { return s.name == name; });
-        if (spec == specs.end()) {
+        const auto known = std::find_if(specs.begin(), specs.end(),
+                                        [&](const OptionSpec& s) { return s.name == name; });
+        if (known == specs.end()) {
             throw UsageError("unknown option '--" + name + "' for '" + command_ +
                              "' (see 'woodshed " + command_ + " --help')");
         }
-        if (!spec->takes_value) {
+        if (!known->takes_value) {
             if (inline_value) throw UsageError("option '--" + name + "' takes no value");
             flags_.push_back(name);
             continue;
