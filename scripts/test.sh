@@ -47,6 +47,7 @@ for stage in "${stages[@]}"; do
   case $stage in
     release|asan|tsan)
       export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
+      export LSAN_OPTIONS="suppressions=$PWD/tests/lsan.supp:print_suppressions=0"
       export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
       export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
       run_preset "$stage"
