@@ -1,0 +1,1 @@
+# Installation rules: headers, library, CLI, CMake package, pkg-config file.
