@@ -38,16 +38,6 @@ std::string format_limit(double v) {
 
 bool is_option(const std::string& arg) { return arg.size() > 1 && arg[0] == '-'; }
 
-#if defined(_WIN32)
-std::wstring widen(const std::string& utf8) {
-    if (utf8.empty()) return {};
-    const int n = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()),
-                                      nullptr, 0);
-    std::wstring wide(static_cast<size_t>(n), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), wide.data(), n);
-    return wide;
-}
-#endif
 
 }  // namespace
 
@@ -325,6 +315,17 @@ size_t AudioReader::read(std::vector<float>& out, size_t frames) {
 }
 
 // ---- files and terminal ------------------------------------------------
+
+#if defined(_WIN32)
+std::wstring widen(const std::string& utf8) {
+    if (utf8.empty()) return {};
+    const int n = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()),
+                                      nullptr, 0);
+    std::wstring wide(static_cast<size_t>(n), L'\0');
+    MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), wide.data(), n);
+    return wide;
+}
+#endif
 
 FILE* open_file(const std::string& path, const char* mode) {
 #if defined(_WIN32)

@@ -43,6 +43,7 @@ struct Command {
 };
 
 // Defined by each cmd_*.cpp; main.cpp lists them.
+extern const Command kDemoCommand;
 extern const Command kTuneCommand;
 extern const Command kToneCommand;
 extern const Command kClickCommand;
@@ -137,6 +138,11 @@ private:
 };
 
 // ---- files and terminal ------------------------------------------------
+
+#if defined(_WIN32)
+// UTF-8 to the UTF-16 the wide Windows API takes.
+std::wstring widen(const std::string& utf8);
+#endif
 
 // fopen for a UTF-8 path (wide API on Windows).
 FILE* open_file(const std::string& path, const char* mode);

@@ -568,6 +568,51 @@ else
   echo "note: no sound server (PULSE_SERVER unset), devices and live checks skipped"
 fi
 
+# ---- the demo on a machine without sound hardware ------------------------------
+# No server the program could find and no sound card here: the demo runs its
+# own private server, and must leave neither the server nor its files behind,
+# also when Ctrl-C ends it in mid-take. Linux only (the private server is).
+if [ "$emulated" -eq 0 ] && [ "$(uname -s)" = Linux ] && [ ! -d /dev/snd ] && command -v pulseaudio > /dev/null; then
+  mkdir -p bare/tmp bare/home bare/runtime
+  chmod 700 bare/runtime
+  bare=(env -u PULSE_SERVER -u PULSE_CLIENTCONFIG -u PULSE_COOKIE HOME="$PWD/bare/home"
+        XDG_RUNTIME_DIR="$PWD/bare/runtime" TMPDIR="$PWD/bare/tmp")
+  servers_before=$(pgrep -c -x pulseaudio || true)
+  "${bare[@]}" "${ws[@]}" demo --dir demo1 > stdout.txt 2> stderr.txt
+  rc=$?
+  out=$(cat stdout.txt)
+  if [ "$rc" -eq 0 ] && grep -q '^no sound hardware: running a private sound server' <<< "$out" \
+     && grep -q "notes are named as played" <<< "$out" && grep -q '^   12 beats shown' <<< "$out" \
+     && grep -qE 'bar 2     beat 4/4' <<< "$out" && [ -s demo1/take.wav ] && [ -s demo1/take-cleaned.wav ]; then
+    pass
+  else
+    fail "demo on a private server: rc $rc, $out $(cat stderr.txt)"
+  fi
+  # The first bar holds the backing alone: cleaning must take most of it away.
+  quieter=$(sed -nE 's/.*the leak is (-?[0-9.]+) dB quieter/\1/p' <<< "$out")
+  if near "${quieter:-0}" 60 40; then pass; else fail "demo: leak only ${quieter:-?} dB quieter"; fi
+
+  "${bare[@]}" "${ws[@]}" demo --dir demo2 > stdout.txt 2> stderr.txt &
+  pid=$!
+  for _ in $(seq 100); do grep -q '^   recording' stdout.txt 2> /dev/null && break; sleep 0.1; done
+  sleep 0.5
+  kill -INT "$pid"
+  wait "$pid"
+  rc=$?
+  take_ok=$(python3 -c 'import wave, sys; w = wave.open(sys.argv[1]); print(w.getnframes() > 0)' demo2/take.wav 2>&1)
+  if [ "$rc" -eq 130 ] && grep -q '^woodshed: interrupted' stderr.txt && [ "$take_ok" = True ]; then
+    pass
+  else
+    fail "demo, Ctrl-C in mid-take: rc $rc, take: $take_ok, $(cat stderr.txt)"
+  fi
+  sleep 0.5
+  if [ -z "$(ls bare/tmp)" ] && [ "$(pgrep -c -x pulseaudio || true)" = "$servers_before" ]; then
+    pass
+  else
+    fail "demo left its sound server behind: $(ls bare/tmp), $(pgrep -a -x pulseaudio)"
+  fi
+fi
+
 # ---- Ctrl-C -----------------------------------------------------------------
 # Signals do not reach a program under an emulator the same way; native only.
 if [ "$emulated" -eq 0 ]; then

@@ -10,20 +10,9 @@
 
 #include "cli.hpp"
 #include "live.hpp"
+#include "wav_file.hpp"
 #include "woodshed/metronome.h"
 
-#if defined(_WIN32)
-#  ifndef NOMINMAX
-#    define NOMINMAX
-#  endif
-#  ifndef WIN32_LEAN_AND_MEAN
-#    define WIN32_LEAN_AND_MEAN
-#  endif
-#  include <process.h>
-#  include <windows.h>
-#else
-#  include <unistd.h>
-#endif
 
 namespace cli {
 namespace {
@@ -263,125 +252,6 @@ int64_t track_frames(const MetronomeConfig& c, int64_t rate, int64_t bars) {
     return frames;
 }
 
-// ---- writing the file ----------------------------------------------------
-
-#if defined(_WIN32)
-std::wstring widen(const std::string& utf8) {
-    if (utf8.empty()) return {};
-    const int n = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()),
-                                      nullptr, 0);
-    std::wstring wide(static_cast<size_t>(n), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), wide.data(), n);
-    return wide;
-}
-#endif
-
-// An existing read-only file is left alone: a rename would replace it.
-bool read_only(const std::string& path) {
-#if defined(_WIN32)
-    const DWORD attributes = GetFileAttributesW(widen(path).c_str());
-    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0 &&
-           (attributes & FILE_ATTRIBUTE_READONLY) != 0;
-#else
-    return access(path.c_str(), F_OK) == 0 && access(path.c_str(), W_OK) != 0;
-#endif
-}
-
-// Moves the finished file over the target in one step, so the target is
-// either the old file or the whole new one. Empty on success, else why not.
-std::string replace_file(const std::string& from, const std::string& to) {
-#if defined(_WIN32)
-    if (MoveFileExW(widen(from).c_str(), widen(to).c_str(),
-                    MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0) {
-        return {};
-    }
-    const DWORD error = GetLastError();
-    if (error == ERROR_ACCESS_DENIED) return "access denied";
-    return "Windows error " + std::to_string(error);
-#else
-    if (std::rename(from.c_str(), to.c_str()) == 0) return {};
-    return std::strerror(errno);
-#endif
-}
-
-std::string temporary_name(const std::string& path) {
-#if defined(_WIN32)
-    const int pid = _getpid();
-#else
-    const int pid = static_cast<int>(getpid());
-#endif
-    return path + ".tmp" + std::to_string(pid);
-}
-
-void put16(unsigned char*& p, uint32_t v) {
-    *p++ = static_cast<unsigned char>(v & 0xff);
-    *p++ = static_cast<unsigned char>((v >> 8) & 0xff);
-}
-
-void put32(unsigned char*& p, uint32_t v) {
-    put16(p, v & 0xffff);
-    put16(p, v >> 16);
-}
-
-// The 44-byte header of 16-bit PCM, little-endian whatever the host.
-std::vector<unsigned char> wav_header(uint32_t rate, uint32_t channels, uint32_t data_bytes) {
-    std::vector<unsigned char> h(44);
-    unsigned char* p = h.data();
-    std::memcpy(p, "RIFF", 4);
-    p += 4;
-    put32(p, 36 + data_bytes);
-    std::memcpy(p, "WAVEfmt ", 8);
-    p += 8;
-    put32(p, 16);
-    put16(p, 1);  // PCM
-    put16(p, channels);
-    put32(p, rate);
-    put32(p, rate * channels * 2);
-    put16(p, channels * 2);
-    put16(p, 16);
-    std::memcpy(p, "data", 4);
-    p += 4;
-    put32(p, data_bytes);
-    return h;
-}
-
-// Owns the temporary file until it has been moved into place.
-class PendingFile {
-public:
-    explicit PendingFile(const std::string& target) : target_(target), temp_(temporary_name(target)) {
-        file_ = open_file(temp_, "wb");
-        if (file_ == nullptr) fail(errno);
-    }
-    ~PendingFile() {
-        if (file_ != nullptr) std::fclose(file_);
-        if (!done_) remove_file(temp_);
-    }
-    PendingFile(const PendingFile&) = delete;
-    PendingFile& operator=(const PendingFile&) = delete;
-
-    void write(const void* data, size_t bytes) {
-        if (std::fwrite(data, 1, bytes, file_) != bytes) fail(errno);
-    }
-    void commit() {
-        FILE* f = file_;
-        file_ = nullptr;
-        if (std::fclose(f) != 0) fail(errno);
-        const std::string why = replace_file(temp_, target_);
-        if (!why.empty()) throw Failure("cannot write '" + target_ + "': " + why);
-        done_ = true;
-    }
-
-private:
-    [[noreturn]] void fail(int error) {
-        throw Failure("cannot write '" + target_ + "': " +
-                      (error != 0 ? std::strerror(error) : "write failed"));
-    }
-    std::string target_;
-    std::string temp_;
-    FILE* file_ = nullptr;
-    bool done_ = false;
-};
-
 int run_render(const Options& opts, const MetronomeConfig& cfg, const std::string& path) {
     const auto bars_text = opts.value("bars");
     if (!bars_text) throw UsageError("--render needs --bars N, the number of bars to write");
@@ -402,11 +272,9 @@ int run_render(const Options& opts, const MetronomeConfig& cfg, const std::strin
                       static_cast<long long>(rate), static_cast<long long>(kMaxRenderFrames));
         throw UsageError(buf);
     }
-    if (read_only(path)) throw Failure("'" + path + "' is read-only; not replaced");
-
     install_interrupt_handler();
     // Open the output before the work, so an unwritable place fails at once.
-    PendingFile out(path);
+    WavFile out(path);
     Progress progress;
     const double seconds = static_cast<double>(frames) / static_cast<double>(rate);
     char status[96];
@@ -426,21 +294,19 @@ int run_render(const Options& opts, const MetronomeConfig& cfg, const std::strin
         return kExitInterrupted;
     }
 
-    const auto header = wav_header(static_cast<uint32_t>(rate), static_cast<uint32_t>(channels),
-                                   static_cast<uint32_t>(data_bytes));
+    const auto header = wav16_header(static_cast<uint32_t>(rate), static_cast<uint32_t>(channels),
+                                     static_cast<uint32_t>(data_bytes));
     out.write(header.data(), header.size());
     constexpr size_t kChunk = 65536;
+    std::vector<float> frames_out;
     std::vector<unsigned char> bytes;
     const auto ch = static_cast<size_t>(channels);
     for (size_t at = 0; at < mono.size(); at += kChunk) {
         const size_t n = std::min(kChunk, mono.size() - at);
-        bytes.resize(n * ch * 2);
-        unsigned char* p = bytes.data();
-        for (size_t i = 0; i < n; ++i) {
-            const float s = std::clamp(mono[at + i], -1.0f, 1.0f);
-            const auto q = static_cast<uint32_t>(std::lround(s * 32767.0f)) & 0xffff;
-            for (size_t k = 0; k < ch; ++k) put16(p, q);
-        }
+        frames_out.clear();
+        for (size_t i = 0; i < n; ++i) frames_out.insert(frames_out.end(), ch, mono[at + i]);
+        bytes.clear();
+        append_pcm16(bytes, frames_out.data(), frames_out.size());
         out.write(bytes.data(), bytes.size());
         if (interrupted()) {
             progress.clear();
@@ -479,21 +345,6 @@ std::string device_trouble(const MetronomeStatus& st) {
         case mn_device_failed: return "output failed: " + result_text(st.last_result, st.backend_result);
         default: return {};
     }
-}
-
-// Where the click is: "count-in 1/2  beat 3/4" or "bar 7  beat 2/4", bars
-// and beats counted from 1 as musicians do.
-std::string position_text(const MetronomeSnapshot& s, const MetronomeConfig& c) {
-    char buf[64];
-    if (s.bar < 0) {
-        std::snprintf(buf, sizeof buf, "count-in %lld/%d  beat %d/%d",
-                      static_cast<long long>(s.bar + c.count_in_bars + 1), c.count_in_bars,
-                      s.beat + 1, c.beats_per_bar);
-    } else {
-        std::snprintf(buf, sizeof buf, "bar %-4lld  beat %d/%d", static_cast<long long>(s.bar + 1),
-                      s.beat + 1, c.beats_per_bar);
-    }
-    return buf;
 }
 
 // One character a beat, '#' on the current one.
@@ -553,7 +404,7 @@ int run_live(const MetronomeConfig& cfg, const std::string& device_id, double se
         if (!trouble.empty()) {
             line = trouble;
         } else if (have) {
-            line = position_text(snap, cfg) + "  " + bpm_text(snap.tempo_ubpm) + " BPM";
+            line = metronome_position(snap, cfg.count_in_bars, cfg.beats_per_bar) + "  " + bpm_text(snap.tempo_ubpm) + " BPM";
             if (snap.bar_muted) line += "  (muted)";
         }
         if (display.in_place()) {

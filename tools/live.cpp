@@ -163,4 +163,16 @@ int64_t parse_integer(std::string_view option, std::string_view text, int64_t lo
     return v;
 }
 
+std::string metronome_position(const MetronomeSnapshot& s, int32_t count_in_bars, int32_t beats_per_bar) {
+    char buf[64];
+    if (s.bar < 0) {
+        std::snprintf(buf, sizeof buf, "count-in %lld/%d  beat %d/%d",
+                      static_cast<long long>(s.bar + count_in_bars + 1), count_in_bars, s.beat + 1, beats_per_bar);
+    } else {
+        std::snprintf(buf, sizeof buf, "bar %-4lld  beat %d/%d", static_cast<long long>(s.bar + 1), s.beat + 1,
+                      beats_per_bar);
+    }
+    return buf;
+}
+
 }  // namespace cli

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "woodshed/common.h"
+#include "woodshed/metronome.h"
 #include "woodshed/tuner.h"
 
 namespace cli {
@@ -72,6 +73,10 @@ void sleep_ms(int ms);
 // input) until Ctrl-C, or for `seconds` when that is above 0. Returns the
 // exit status.
 int run_live_tune(const TunerConfig& config, const std::string& device_id, double seconds);
+
+// Where the click is: "count-in 1/2  beat 3/4" or "bar 7     beat 2/4", bars
+// and beats counted from 1 as musicians do.
+std::string metronome_position(const MetronomeSnapshot& s, int32_t count_in_bars, int32_t beats_per_bar);
 
 // A whole number in [lo, hi]; otherwise a UsageError naming the option.
 int64_t parse_integer(std::string_view option, std::string_view text, int64_t lo, int64_t hi);

@@ -26,6 +26,7 @@
 namespace {
 
 constexpr auto kCommands = std::to_array<const cli::Command*>({
+    &cli::kDemoCommand,
     &cli::kTuneCommand,
     &cli::kToneCommand,
     &cli::kClickCommand,
