@@ -19,6 +19,10 @@ install(TARGETS woodshed EXPORT woodshedTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime NAMELINK_COMPONENT Development
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development)
 
+if(MINGW)
+  install(FILES ${PROJECT_BINARY_DIR}/lib/woodshed.def DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development)
+endif()
+
 if(TARGET woodshed_cli)
   if(NOT WIN32 AND NOT DEFINED CMAKE_INSTALL_RPATH)
     # The installed program finds the library wherever the tree is moved to.

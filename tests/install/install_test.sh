@@ -36,6 +36,7 @@ if [ -n "$toolchain" ]; then
   exe=.exe
   [ -f "$prefix/bin/woodshed.dll" ] || fail "missing bin/woodshed.dll"
   [ -f "$prefix/$libdir/libwoodshed.dll.a" ] || fail "missing import library lib/libwoodshed.dll.a"
+  [ -f "$prefix/$libdir/woodshed.def" ] || fail "missing module definition lib/woodshed.def"
 else
   exe=
   major=${version%%.*}
