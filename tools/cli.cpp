@@ -13,15 +13,10 @@
 
 #include <miniaudio.h>
 
+#include "windows.hpp"
+
 #if defined(_WIN32)
-#  ifndef NOMINMAX
-#    define NOMINMAX
-#  endif
-#  ifndef WIN32_LEAN_AND_MEAN
-#    define WIN32_LEAN_AND_MEAN
-#  endif
 #  include <io.h>
-#  include <windows.h>
 #else
 #  include <unistd.h>
 #endif

@@ -328,17 +328,6 @@ int run_render(const Options& opts, const MetronomeConfig& cfg, const std::strin
 
 // ---- playing live --------------------------------------------------------
 
-// The process's one metronome, destroyed however the command ends.
-struct Metronome {
-    Metronome() {
-        const int32_t r = mn_create();
-        if (r != ws_ok) throw Failure("cannot start the metronome: " + result_text(r));
-    }
-    ~Metronome() { mn_destroy(); }
-    Metronome(const Metronome&) = delete;
-    Metronome& operator=(const Metronome&) = delete;
-};
-
 std::string device_trouble(const MetronomeStatus& st) {
     switch (st.device_state) {
         case mn_device_reopening: return "output lost: reopening the device";
@@ -356,7 +345,7 @@ std::string beat_marks(const MetronomeSnapshot& s, const MetronomeConfig& c) {
 
 int run_live(const MetronomeConfig& cfg, const std::string& device_id, double seconds) {
     install_interrupt_handler();
-    Metronome metronome;
+    const FamilyInstance metronome(mn_create, mn_destroy, "metronome");
     const DeviceList outputs = read_devices("playback", mn_refresh_devices, mn_get_device);
     const DeviceRecord* chosen = nullptr;
     if (!device_id.empty()) {

@@ -201,19 +201,9 @@ private:
 
 // ---- the steps -------------------------------------------------------------
 
-struct Recorder {
-    Recorder() {
-        const int32_t r = sd_create();
-        if (r != ws_ok) throw Failure("cannot start the recorder: " + result_text(r));
-    }
-    ~Recorder() { sd_destroy(); }
-    Recorder(const Recorder&) = delete;
-    Recorder& operator=(const Recorder&) = delete;
-};
-
 // Records the take; returns its peak input level.
 double record_take(const Files& f, const std::vector<float>& line) {
-    Recorder recorder;
+    const FamilyInstance recorder(sd_create, sd_destroy, "recorder");
     LinePlayer musician(line);
     if (!musician.start()) throw Failure("cannot open an output stream for the musician's line");
     sleep_ms(kPlayerLeadMs);
@@ -343,16 +333,6 @@ bool as_played(const std::vector<HeardNote>& notes) {
     return true;
 }
 
-struct Metronome {
-    Metronome() {
-        const int32_t r = mn_create();
-        if (r != ws_ok) throw Failure("cannot start the metronome: " + result_text(r));
-    }
-    ~Metronome() { mn_destroy(); }
-    Metronome(const Metronome&) = delete;
-    Metronome& operator=(const Metronome&) = delete;
-};
-
 // Two bars after a one-bar count-in; one line per beat, read from the
 // metronome's own position snapshots. Returns the beats seen.
 int play_click() {
@@ -372,7 +352,7 @@ int play_click() {
     cfg.accent_pattern[0] = mn_level_accent;
     for (int i = 1; i < 4; ++i) cfg.accent_pattern[i] = mn_level_normal;
 
-    Metronome metronome;
+    const FamilyInstance metronome(mn_create, mn_destroy, "metronome");
     const int32_t started = mn_start(&cfg, "");
     if (started != ws_ok) throw Failure("cannot open the default output: " + result_text(started));
     int beats = 0;

@@ -29,18 +29,6 @@ constexpr double kTail = 1.0;        // recorded past the backing's end, for the
 constexpr double kClipHold = 1.0;    // a clip stays marked this long (s)
 constexpr double kMaxFromSeconds = 2147483.0;  // the library takes the start in int32 ms
 
-// The recorder is the process's one instance; its take is finished and the
-// device released however the command ends.
-struct Recorder {
-    Recorder() {
-        const int32_t r = sd_create();
-        if (r != ws_ok) throw Failure("cannot start the recorder: " + result_text(r));
-    }
-    ~Recorder() { sd_destroy(); }  // finishes a take still running
-    Recorder(const Recorder&) = delete;
-    Recorder& operator=(const Recorder&) = delete;
-};
-
 std::filesystem::path fs_path(const std::string& utf8) {
     return std::filesystem::path(std::u8string(reinterpret_cast<const char8_t*>(utf8.data()), utf8.size()));
 }
@@ -132,7 +120,7 @@ int run_record(std::span<const std::string> args) {
         }
     }
 
-    Recorder recorder;
+    const FamilyInstance recorder(sd_create, sd_destroy, "recorder");
     std::string input_id;
     if (const auto input = opts.value("input")) {
         std::vector<char> id(1100);  // room for the longest id text the library can write

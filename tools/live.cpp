@@ -11,14 +11,9 @@
 
 #include "cli.hpp"
 
+#include "windows.hpp"
+
 #if defined(_WIN32)
-#  ifndef NOMINMAX
-#    define NOMINMAX
-#  endif
-#  ifndef WIN32_LEAN_AND_MEAN
-#    define WIN32_LEAN_AND_MEAN
-#  endif
-#  include <windows.h>
 #  ifndef ENABLE_VIRTUAL_TERMINAL_PROCESSING
 #    define ENABLE_VIRTUAL_TERMINAL_PROCESSING 0x0004
 #  endif
@@ -173,6 +168,11 @@ std::string metronome_position(const MetronomeSnapshot& s, int32_t count_in_bars
                       beats_per_bar);
     }
     return buf;
+}
+
+FamilyInstance::FamilyInstance(int32_t (*create)(), int32_t (*destroy)(), const char* what) : destroy_(destroy) {
+    const int32_t r = create();
+    if (r != ws_ok) throw Failure(std::string("cannot start the ") + what + ": " + result_text(r));
 }
 
 }  // namespace cli

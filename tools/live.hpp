@@ -18,6 +18,20 @@ namespace cli {
 // "device busy (error -12)", with the back end's own code when there is one.
 std::string result_text(int32_t result, int32_t backend_result = 0);
 
+// The process's one instance of a family with devices (the metronome, the
+// recorder), destroyed however the command ends; the destroy also finishes
+// a take still running. `what` names it in the failure to create it.
+class FamilyInstance {
+public:
+    FamilyInstance(int32_t (*create)(), int32_t (*destroy)(), const char* what);
+    ~FamilyInstance() { destroy_(); }
+    FamilyInstance(const FamilyInstance&) = delete;
+    FamilyInstance& operator=(const FamilyInstance&) = delete;
+
+private:
+    int32_t (*destroy_)();
+};
+
 // One device list as a family reports it.
 struct DeviceList {
     std::vector<DeviceRecord> devices;

@@ -9,15 +9,7 @@
 #include "cli.hpp"
 #include "woodshed/woodshed.h"
 
-#if defined(_WIN32)
-#  ifndef NOMINMAX
-#    define NOMINMAX
-#  endif
-#  ifndef WIN32_LEAN_AND_MEAN
-#    define WIN32_LEAN_AND_MEAN
-#  endif
-#  include <windows.h>
-#endif
+#include "windows.hpp"
 
 #ifndef WOODSHED_VERSION
 #  define WOODSHED_VERSION "unknown"

@@ -162,6 +162,11 @@ std::unique_ptr<PrivateSoundServer> PrivateSoundServer::start() {
     setenv("PULSE_SERVER", ("unix:" + socket).c_str(), 1);
     setenv("PULSE_CLIENTCONFIG", (dir / "client.conf").c_str(), 1);
     setenv("PULSE_COOKIE", (dir / "cookie").c_str(), 1);
+    // A null sink follows its most demanding stream down to a few
+    // milliseconds of buffer, and on a busy machine the stream then runs dry
+    // now and then, which moves a take's round trip in mid-take. The
+    // server's clients here are ours alone: give them slack.
+    setenv("PULSE_LATENCY_MSEC", "60", 1);
     // The socket exists a moment before the server accepts on it.
     while (library_backend() != kPulseBackend) {
         if (std::chrono::steady_clock::now() > deadline) {
@@ -185,6 +190,7 @@ PrivateSoundServer::~PrivateSoundServer() {
     unsetenv("PULSE_SERVER");
     unsetenv("PULSE_CLIENTCONFIG");
     unsetenv("PULSE_COOKIE");
+    unsetenv("PULSE_LATENCY_MSEC");
     std::error_code ec;
     if (!keep_files_) std::filesystem::remove_all(dir_, ec);
 }

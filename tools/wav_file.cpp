@@ -7,15 +7,10 @@
 
 #include "cli.hpp"
 
+#include "windows.hpp"
+
 #if defined(_WIN32)
-#  ifndef NOMINMAX
-#    define NOMINMAX
-#  endif
-#  ifndef WIN32_LEAN_AND_MEAN
-#    define WIN32_LEAN_AND_MEAN
-#  endif
 #  include <process.h>
-#  include <windows.h>
 #else
 #  include <unistd.h>
 #endif
