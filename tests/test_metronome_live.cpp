@@ -123,44 +123,60 @@ TEST_F(MetronomeLive, FrameRulesAndAnswersBeforeAnyAudio) {
 // exact, so every gap must match; a gap can only grow where the server
 // underran, and no click may come early or one frame off.
 TEST_F(MetronomeLive, EveryClickLandsOnItsScheduledFrame) {
-    ws::test::MonitorRecorder rec;
-    ASSERT_TRUE(rec.start(8.0));
     const MetronomeConfig c = plain_config(110000000);
-    ASSERT_EQ(mn_start(&c, nullptr), ws_ok);
-    const MetronomeStatus s = status();
-    ASSERT_EQ(s.device_state, mn_device_running);
-    ASSERT_EQ(s.used_default, 1u);
-    std::this_thread::sleep_for(6s);
-    mn_stop();
-    rec.stop();
-    ASSERT_EQ(rec.sample_rate(), s.sample_rate);
-    const int64_t rate = s.sample_rate;
-    const auto at = onsets(rec.samples());
-    ASSERT_GE(at.size(), 5u);  // 11 are due; a loaded server may swallow some
-    size_t exact = 0, late = 0, wrong = 0;
-    for (size_t k = 0; k + 1 < at.size(); ++k) {
-        // The first recorded click may be any pulse; gaps repeat with a
-        // period of 11 pulses, so match the phase on the first gap pair.
-        const int64_t gap = int64_t(at[k + 1] - at[k]);
-        const int64_t lo = rate * 60 / 110;  // 26181 at 48 kHz
-        if (gap == lo || gap == lo + 1) {
-            ++exact;
-        } else if (gap > lo + 1) {
-            ++late;
-        } else {
-            ++wrong;
+    struct Gaps {
+        size_t clicks = 0, exact = 0, late = 0, wrong = 0;
+        int64_t eleven = 0;  // frames from the first click to the twelfth
+    };
+    int64_t rate = 0;
+    const auto measure = [&] {
+        Gaps g;
+        ws::test::MonitorRecorder rec;
+        EXPECT_TRUE(rec.start(8.0));
+        EXPECT_EQ(mn_start(&c, nullptr), ws_ok);
+        const MetronomeStatus s = status();
+        EXPECT_EQ(s.device_state, mn_device_running);
+        EXPECT_EQ(s.used_default, 1u);
+        std::this_thread::sleep_for(6s);
+        mn_stop();
+        rec.stop();
+        EXPECT_EQ(rec.sample_rate(), s.sample_rate);
+        rate = s.sample_rate;
+        const auto at = onsets(rec.samples());
+        g.clicks = at.size();
+        for (size_t k = 0; k + 1 < at.size(); ++k) {
+            // The first recorded click may be any pulse; gaps repeat with a
+            // period of 11 pulses, so match the phase on the first gap pair.
+            const int64_t gap = int64_t(at[k + 1] - at[k]);
+            const int64_t lo = rate * 60 / 110;  // 26181 at 48 kHz
+            if (gap == lo || gap == lo + 1) {
+                ++g.exact;
+            } else if (gap > lo + 1) {
+                ++g.late;
+            } else {
+                ++g.wrong;
+            }
         }
-    }
+        if (at.size() >= 12) g.eleven = int64_t(at[11] - at[0]);
+        return g;
+    };
     // Under load the server may underrun between clicks (it then plays
-    // silence and every later click shifts late); that is not ours to fail.
-    EXPECT_EQ(wrong, 0u);
-    EXPECT_GE(exact, 1u);
-    RecordProperty("exact_gaps", int(exact));
-    RecordProperty("late_gaps", int(late));
+    // silence and every later click shifts late); that is not ours to fail,
+    // but an early click always is. A run with no underrun at all comes
+    // within a few tries even under a sanitizer.
+    Gaps g;
+    for (int attempt = 0; attempt < 4 && (attempt == 0 || g.late > 0); ++attempt) {
+        g = measure();
+        ASSERT_GE(g.clicks, 5u);  // 11 are due; a loaded server may swallow some
+        EXPECT_EQ(g.wrong, 0u);
+    }
+    EXPECT_GE(g.exact, 1u);
+    RecordProperty("exact_gaps", int(g.exact));
+    RecordProperty("late_gaps", int(g.late));
     // The exact pattern: over any 11 consecutive exact gaps the total is
     // 11 * 26181.8... rounded to whole frames: 288000 at 48 kHz.
-    if (late == 0 && at.size() >= 12) {
-        EXPECT_EQ(int64_t(at[11] - at[0]), rate * 60 * 11 / 110);
+    if (g.late == 0 && g.clicks >= 12) {
+        EXPECT_EQ(g.eleven, rate * 60 * 11 / 110);
     }
 }
 
