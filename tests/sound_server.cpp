@@ -6,6 +6,8 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 namespace ws::test {
@@ -153,6 +155,54 @@ void MonitorRecorder::on_data(ma_device* device, void*, const void* input, ma_ui
     const size_t n = std::min<size_t>(frames, self->samples_.size() - used);
     std::copy_n(static_cast<const float*>(input), n, self->samples_.data() + used);
     self->used_.store(used + n, std::memory_order_release);
+}
+
+// ---- the server's log ----------------------------------------------------
+
+namespace {
+
+std::string server_log_path() {
+    const char* server = std::getenv("PULSE_SERVER");
+    if (server == nullptr) return {};
+    std::string path = server;
+    const std::string prefix = "unix:", suffix = "/runtime/native";
+    if (path.rfind(prefix, 0) == 0) path = path.substr(prefix.size());
+    if (path.size() > suffix.size() && path.compare(path.size() - suffix.size(), suffix.size(), suffix) == 0) {
+        path = path.substr(0, path.size() - suffix.size());
+    }
+#if defined(_WIN32)
+    path = "Z:" + path;  // Wine's view of the Unix file system
+#endif
+    return path + "/pulse.log";
+}
+
+size_t log_size() {
+    std::ifstream f(server_log_path(), std::ios::binary | std::ios::ate);
+    return f ? static_cast<size_t>(f.tellg()) : 0;
+}
+
+}  // namespace
+
+ServerLog::ServerLog() : start_(log_size()) {}
+
+std::string ServerLog::since_start() const {
+    std::ifstream f(server_log_path(), std::ios::binary);
+    f.seekg(static_cast<std::streamoff>(start_));
+    std::string text((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    text.erase(std::remove(text.begin(), text.end(), '\0'), text.end());
+    return text;
+}
+
+bool ServerLog::at_debug_level() const { return since_start().find("D: [") != std::string::npos; }
+
+int ServerLog::playback_underruns() const {
+    const std::string text = since_start();
+    const std::string mark = "underrun of '";
+    int n = 0;
+    for (size_t at = text.find(mark); at != std::string::npos; at = text.find(mark, at + 1)) {
+        if (text.compare(at + mark.size(), 6, "pacat'") != 0) ++n;
+    }
+    return n;
 }
 
 }  // namespace ws::test

@@ -26,6 +26,25 @@ bool sound_server_required();
         }                                                                                \
     } while (0)
 
+// What the server logs from the moment this object is made: it tells whether
+// a late click or a latency step was the server's doing (a playback stream
+// that ran dry) rather than the library's.
+class ServerLog {
+public:
+    ServerLog();
+    std::string since_start() const;
+    // The log is at debug level (the ctest fixture server_log sets
+    // it), where the server records playback underruns; at its default
+    // level it does not.
+    bool at_debug_level() const;
+    // Underruns of any playback stream but the keep-alive ("pacat") that the
+    // server script runs.
+    int playback_underruns() const;
+
+private:
+    size_t start_;
+};
+
 #if !defined(_WIN32)
 // pactl and friends against the test server (Linux only). Each returns the
 // command's exit status or its trimmed output.

@@ -17,6 +17,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using ws::test::wait_for;
+using ws::test::ServerLog;
 
 MetronomeConfig plain_config(int64_t ubpm) {
     MetronomeConfig c;
@@ -129,8 +130,11 @@ TEST_F(MetronomeLive, EveryClickLandsOnItsScheduledFrame) {
         int64_t eleven = 0;  // frames from the first click to the twelfth
     };
     int64_t rate = 0;
+    int underruns = 0;
+    bool log_at_debug = false;
     const auto measure = [&] {
         Gaps g;
+        const ServerLog log;
         ws::test::MonitorRecorder rec;
         EXPECT_TRUE(rec.start(8.0));
         EXPECT_EQ(mn_start(&c, nullptr), ws_ok);
@@ -158,19 +162,26 @@ TEST_F(MetronomeLive, EveryClickLandsOnItsScheduledFrame) {
             }
         }
         if (at.size() >= 12) g.eleven = int64_t(at[11] - at[0]);
+        underruns = log.playback_underruns();
+        log_at_debug = log.at_debug_level();
         return g;
     };
     // Under load the server may underrun between clicks (it then plays
     // silence and every later click shifts late); that is not ours to fail,
-    // but an early click always is. A run with no underrun at all comes
-    // within a few tries even under a sanitizer.
+    // but an early click always is. A run with no underrun usually comes
+    // within a few tries; a sanitizer build on a busy machine may underrun
+    // all along, and then the server's log must say so.
     Gaps g;
     for (int attempt = 0; attempt < 4 && (attempt == 0 || g.late > 0); ++attempt) {
         g = measure();
         ASSERT_GE(g.clicks, 5u);  // 11 are due; a loaded server may swallow some
         EXPECT_EQ(g.wrong, 0u);
     }
-    EXPECT_GE(g.exact, 1u);
+    if (g.exact == 0 && log_at_debug) {
+        EXPECT_GT(underruns, 0) << "every click came late, with no playback underrun in the server's log";
+    } else {
+        EXPECT_GE(g.exact, 1u) << underruns << " playback underruns logged";
+    }
     RecordProperty("exact_gaps", int(g.exact));
     RecordProperty("late_gaps", int(g.late));
     // The exact pattern: over any 11 consecutive exact gaps the total is

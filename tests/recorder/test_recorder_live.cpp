@@ -35,6 +35,7 @@ namespace {
 using namespace std::chrono_literals;
 using namespace ws::test::recorder;
 using ws::test::wait_for;
+using ws::test::ServerLog;
 
 constexpr int kRate = 44100;
 
@@ -64,58 +65,6 @@ std::string monitor_name() {
     tn_engine_destroy();
     return name;
 }
-
-// The server's log: it tells whether a latency step was the server's doing.
-std::string server_log_path() {
-    const char* server = std::getenv("PULSE_SERVER");
-    if (server == nullptr) return {};
-    std::string path = server;
-    const std::string prefix = "unix:", suffix = "/runtime/native";
-    if (path.rfind(prefix, 0) == 0) path = path.substr(prefix.size());
-    if (path.size() > suffix.size() && path.compare(path.size() - suffix.size(), suffix.size(), suffix) == 0) {
-        path = path.substr(0, path.size() - suffix.size());
-    }
-#if defined(_WIN32)
-    path = "Z:" + path;  // Wine's view of the Unix file system
-#endif
-    return path + "/pulse.log";
-}
-
-// What the server logs during one take, read from where the log stood
-// when the take began.
-class ServerLog {
-public:
-    ServerLog() : start_(size()) {}
-    std::string since_start() const {
-        std::ifstream f(server_log_path(), std::ios::binary);
-        f.seekg(static_cast<std::streamoff>(start_));
-        std::string text((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-        text.erase(std::remove(text.begin(), text.end(), '\0'), text.end());
-        return text;
-    }
-    // The log is at debug level (the test command's fixture sets it), where
-    // the server records playback underruns; at its default level it does not.
-    bool at_debug_level() const { return since_start().find("D: [") != std::string::npos; }
-    // Underruns of any playback stream but the keep-alive ("pacat") that the
-    // server script runs: during a take that is the recorder's own stream,
-    // whatever the audio stack calls it.
-    int playback_underruns() const {
-        const std::string text = since_start();
-        const std::string mark = "underrun of '";
-        int n = 0;
-        for (size_t at = text.find(mark); at != std::string::npos; at = text.find(mark, at + 1)) {
-            if (text.compare(at + mark.size(), 6, "pacat'") != 0) ++n;
-        }
-        return n;
-    }
-
-private:
-    static size_t size() {
-        std::ifstream f(server_log_path(), std::ios::binary | std::ios::ate);
-        return f ? static_cast<size_t>(f.tellg()) : 0;
-    }
-    size_t start_;
-};
 
 struct Lag {
     int lag = -1;         // take frame minus backing frame (relative to the start position)
@@ -379,7 +328,7 @@ TEST_F(RecorderLive, TheTakeHoldsTheBackingFromTheStartPositionAtASteadyLatency)
                                     << " frames with no playback underrun in the server's log";
         } else {
             std::printf("note: the server log is not at debug level, so underruns cannot be checked "
-                        "(run through ctest, or tests/recorder/server_debug_log.py)\n");
+                        "(run through ctest, or tests/server_debug_log.py)\n");
         }
     }
 }

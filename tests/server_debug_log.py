@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Puts the test sound server's log at debug level, where it records each
-playback underrun. The recorder's live tests read the log to tell a latency
-step that the server caused (an underrun) from one the library caused.
+playback underrun. The live tests read the log to tell a late click or a
+latency step that the server caused (an underrun) from one the library caused.
 
 Works on the server named by PULSE_SERVER (unix:DIR/runtime/native, as
 scripts/pulse-server.sh starts it); without one there is nothing to do."""
