@@ -9,36 +9,14 @@
 #include <utility>
 #include <vector>
 
+#include "seed_bytes.hpp"
+
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-void u16(Bytes& b, uint32_t v) {
-    b.push_back(static_cast<uint8_t>(v & 0xFF));
-    b.push_back(static_cast<uint8_t>((v >> 8) & 0xFF));
-}
-
-void u32(Bytes& b, uint32_t v) {
-    u16(b, v & 0xFFFF);
-    u16(b, v >> 16);
-}
-
-Bytes fmt(uint16_t tag, uint16_t channels, uint32_t rate, uint16_t bits) {
-    Bytes b;
-    u16(b, tag);
-    u16(b, channels);
-    u32(b, rate);
-    u32(b, rate * channels * bits / 8);
-    u16(b, static_cast<uint16_t>(channels * bits / 8));
-    u16(b, bits);
-    return b;
-}
-
-Bytes samples(size_t count) {
-    Bytes b;
-    for (size_t i = 0; i < count; ++i) u16(b, static_cast<uint16_t>(static_cast<int16_t>((i * 2654435761u) >> 16)));
-    return b;
-}
+using seeds::Bytes;
+using seeds::fmt;
+using seeds::samples;
+using seeds::u32;
 
 // Chunks as given; `declared` overrides the size field of the last one.
 Bytes wav(const std::vector<std::pair<const char*, Bytes>>& chunks, int64_t declared = -1) {
@@ -63,7 +41,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: backing_reader_seeds DIR\n");
         return 2;
     }
-    const std::vector<std::pair<const char*, Bytes>> seeds = {
+    const std::vector<std::pair<const char*, Bytes>> corpus = {
         {"stereo_44100", wav({{"fmt ", fmt(1, 2, 44100, 16)}, {"data", samples(64)}})},
         {"mono_22050", wav({{"fmt ", fmt(1, 1, 22050, 16)}, {"data", samples(40)}})},
         {"stereo_48000", wav({{"fmt ", fmt(1, 2, 48000, 16)}, {"data", samples(96)}})},
@@ -77,14 +55,8 @@ int main(int argc, char** argv) {
         {"7999_hz", wav({{"fmt ", fmt(1, 1, 7999, 16)}, {"data", samples(12)}})},
         {"three_channels", wav({{"fmt ", fmt(1, 3, 44100, 16)}, {"data", samples(12)}})},
     };
-    for (const auto& [name, bytes] : seeds) {
-        const std::string path = std::string(argv[1]) + "/" + name;
-        std::FILE* f = std::fopen(path.c_str(), "wb");
-        if (f == nullptr || std::fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size()) {
-            std::fprintf(stderr, "backing_reader_seeds: cannot write %s\n", path.c_str());
-            return 1;
-        }
-        std::fclose(f);
+    for (const auto& [name, bytes] : corpus) {
+        if (!seeds::write_seed(argv[1], name, bytes)) return 1;
     }
     return 0;
 }

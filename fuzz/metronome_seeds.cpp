@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "seed_bytes.hpp"
+
 #include "woodshed/metronome.h"
 
 namespace {
@@ -36,11 +38,7 @@ void write(const std::string& dir, const char* name, uint8_t rate, uint8_t chann
     const auto* p = reinterpret_cast<const uint8_t*>(&c);
     bytes.insert(bytes.end(), p, p + sizeof c);
     bytes.insert(bytes.end(), commands.begin(), commands.end());
-    const std::string path = dir + "/" + name;
-    std::FILE* f = std::fopen(path.c_str(), "wb");
-    if (f == nullptr) return;
-    std::fwrite(bytes.data(), 1, bytes.size(), f);
-    std::fclose(f);
+    seeds::write_seed(dir, name, bytes);
 }
 
 }  // namespace

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "seed_bytes.hpp"
+
 #include "offline_input.hpp"
 #include "woodshed/tuner.h"
 
@@ -61,7 +63,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const float inf = INFINITY, nan = NAN;
-    const Seed seeds[] = {
+    const Seed corpus[] = {
         {"a220_48k_mono", true, {}, 48000.0, 1, 218, 40, 0.3f},
         {"a440_44k1_stereo", false, kDefaults, 44100.0, 2, 100, 40, 0.5f},
         {"tone_96k_decimated", false, kDefaults, 96000.0, 1, 400, 30, 0.2f},
@@ -82,16 +84,8 @@ int main(int argc, char** argv) {
         {"zero_channels", true, {}, 48000.0, 0, 200, 20, 0.3f},
         {"thirty_three_channels", true, {}, 48000.0, 33, 20, 4, 0.3f},
     };
-    for (const Seed& s : seeds) {
-        const std::vector<uint8_t> bytes = encode(s);
-        const std::string path = std::string(argv[1]) + "/" + s.name;
-        std::FILE* f = std::fopen(path.c_str(), "wb");
-        if (f == nullptr || std::fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size()) {
-            std::fprintf(stderr, "cannot write %s\n", path.c_str());
-            if (f != nullptr) std::fclose(f);
-            return 1;
-        }
-        std::fclose(f);
+    for (const Seed& s : corpus) {
+        if (!seeds::write_seed(argv[1], s.name, encode(s))) return 1;
     }
     return 0;
 }

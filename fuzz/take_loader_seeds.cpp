@@ -8,19 +8,14 @@
 #include <string>
 #include <vector>
 
+#include "seed_bytes.hpp"
+
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-void u16(Bytes& b, uint32_t v) {
-    b.push_back(static_cast<uint8_t>(v & 0xFF));
-    b.push_back(static_cast<uint8_t>((v >> 8) & 0xFF));
-}
-
-void u32(Bytes& b, uint32_t v) {
-    u16(b, v & 0xFFFF);
-    u16(b, v >> 16);
-}
+using seeds::Bytes;
+using seeds::samples;
+using seeds::u16;
+using seeds::u32;
 
 void chunk(Bytes& b, const char* id, const Bytes& body, bool pad = true) {
     b.insert(b.end(), id, id + 4);
@@ -31,13 +26,7 @@ void chunk(Bytes& b, const char* id, const Bytes& body, bool pad = true) {
 
 Bytes fmt(uint16_t tag, uint16_t channels, uint32_t rate, uint16_t bits, bool extensible_size = false,
           uint16_t sub = 1) {
-    Bytes b;
-    u16(b, tag);
-    u16(b, channels);
-    u32(b, rate);
-    u32(b, rate * channels * bits / 8);
-    u16(b, static_cast<uint16_t>(channels * bits / 8));
-    u16(b, bits);
+    Bytes b = seeds::fmt(tag, channels, rate, bits);
     if (extensible_size) {
         u16(b, 22);
         u16(b, bits);
@@ -46,12 +35,6 @@ Bytes fmt(uint16_t tag, uint16_t channels, uint32_t rate, uint16_t bits, bool ex
         const uint8_t tail[14] = {0, 0, 0, 0, 0x10, 0, 0x80, 0, 0, 0xAA, 0, 0x38, 0x9B, 0x71};
         b.insert(b.end(), tail, tail + 14);
     }
-    return b;
-}
-
-Bytes samples(size_t count) {
-    Bytes b;
-    for (size_t i = 0; i < count; ++i) u16(b, static_cast<uint16_t>(static_cast<int16_t>((i * 2654435761u) >> 16)));
     return b;
 }
 
@@ -70,7 +53,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: take_loader_seeds DIR\n");
         return 2;
     }
-    const std::vector<std::pair<const char*, Bytes>> seeds = {
+    const std::vector<std::pair<const char*, Bytes>> corpus = {
         {"mono", wav(0, {{"fmt ", fmt(1, 1, 44100, 16)}, {"data", samples(64)}})},
         {"mono_skip", wav(10, {{"fmt ", fmt(1, 1, 48000, 16)}, {"data", samples(64)}})},
         {"stereo", wav(3, {{"fmt ", fmt(1, 2, 44100, 16)}, {"data", samples(65)}})},
@@ -82,14 +65,8 @@ int main(int argc, char** argv) {
         {"eight_bit", wav(0, {{"fmt ", fmt(1, 1, 44100, 8)}, {"data", samples(16)}})},
         {"no_data", wav(0, {{"fmt ", fmt(1, 1, 44100, 16)}})},
     };
-    for (const auto& [name, bytes] : seeds) {
-        const std::string path = std::string(argv[1]) + "/" + name;
-        std::FILE* f = std::fopen(path.c_str(), "wb");
-        if (f == nullptr || std::fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size()) {
-            std::fprintf(stderr, "take_loader_seeds: cannot write %s\n", path.c_str());
-            return 1;
-        }
-        std::fclose(f);
+    for (const auto& [name, bytes] : corpus) {
+        if (!seeds::write_seed(argv[1], name, bytes)) return 1;
     }
     return 0;
 }

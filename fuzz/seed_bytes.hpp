@@ -1,0 +1,53 @@
+// What the seed generators share: little-endian byte building, the WAV
+// pieces of the file-reading targets, and writing one seed file.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace seeds {
+
+using Bytes = std::vector<uint8_t>;
+
+inline void u16(Bytes& b, uint32_t v) {
+    b.push_back(static_cast<uint8_t>(v & 0xFF));
+    b.push_back(static_cast<uint8_t>((v >> 8) & 0xFF));
+}
+
+inline void u32(Bytes& b, uint32_t v) {
+    u16(b, v & 0xFFFF);
+    u16(b, v >> 16);
+}
+
+// `count` 16-bit samples of a fixed pseudo-random pattern.
+inline Bytes samples(size_t count) {
+    Bytes b;
+    for (size_t i = 0; i < count; ++i) u16(b, static_cast<uint16_t>(static_cast<int16_t>((i * 2654435761u) >> 16)));
+    return b;
+}
+
+// The 16 bytes of a plain fmt chunk's body.
+inline Bytes fmt(uint16_t tag, uint16_t channels, uint32_t rate, uint16_t bits) {
+    Bytes b;
+    u16(b, tag);
+    u16(b, channels);
+    u32(b, rate);
+    u32(b, rate * channels * bits / 8);
+    u16(b, static_cast<uint16_t>(channels * bits / 8));
+    u16(b, bits);
+    return b;
+}
+
+// Writes dir/name; false (with a message) when it cannot.
+inline bool write_seed(const std::string& dir, const std::string& name, const Bytes& bytes) {
+    const std::string path = dir + "/" + name;
+    std::FILE* f = std::fopen(path.c_str(), "wb");
+    bool ok = f != nullptr && std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
+    if (f != nullptr && std::fclose(f) != 0) ok = false;
+    if (!ok) std::fprintf(stderr, "cannot write seed %s\n", path.c_str());
+    return ok;
+}
+
+}  // namespace seeds
