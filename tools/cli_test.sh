@@ -9,36 +9,7 @@
 #        cli_test.sh /usr/lib/wine/wine64 build/windows/bin/woodshed.exe
 set -uo pipefail
 
-if [ $# -lt 1 ]; then
-  echo "usage: $0 [EMULATOR...] WOODSHED" >&2
-  exit 2
-fi
-ws=("$@")
-# The tests run in a scratch directory: make a relative program path absolute.
-last=$(( ${#ws[@]} - 1 ))
-if [[ "${ws[last]}" == */* ]]; then
-  ws[last]=$(cd "$(dirname "${ws[last]}")" && pwd)/$(basename "${ws[last]}")
-fi
-emulated=0
-[ ${#ws[@]} -gt 1 ] && emulated=1
-
-work=$(mktemp -d "${TMPDIR:-/tmp}/woodshed-cli-test.XXXXXX")
-trap 'rm -rf "$work"' EXIT
-cd "$work" || exit 1
-
-passed=0
-failed=0
-pass() { passed=$((passed + 1)); }
-fail() { failed=$((failed + 1)); echo "FAIL: $*"; }
-
-# Runs the program; stdout, stderr (carriage returns dropped, as a Windows
-# build writes them) and the exit status land in $out, $err and $rc.
-run() {
-  "${ws[@]}" "$@" > stdout.txt 2> stderr.txt
-  rc=$?
-  out=$(tr -d '\r' < stdout.txt)
-  err=$(tr -d '\r' < stderr.txt)
-}
+source "$(dirname "${BASH_SOURCE[0]}")/cli_harness.sh" cli-test "$@"
 
 # Fields of the "final:" line: note, frequency, cents, state.
 final_fields() {
@@ -633,5 +604,4 @@ if [ "$emulated" -eq 0 ]; then
   fi
 fi
 
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+finish

@@ -7,37 +7,12 @@
 # usage: record_cli_test.sh [EMULATOR...] WOODSHED
 set -uo pipefail
 
-if [ $# -lt 1 ]; then
-  echo "usage: $0 [EMULATOR...] WOODSHED" >&2
-  exit 2
-fi
-ws=("$@")
-last=$(( ${#ws[@]} - 1 ))
-if [[ "${ws[last]}" == */* ]]; then
-  ws[last]=$(cd "$(dirname "${ws[last]}")" && pwd)/$(basename "${ws[last]}")
-fi
-emulated=0
-[ ${#ws[@]} -gt 1 ] && emulated=1
+source "$(dirname "${BASH_SOURCE[0]}")/../../tools/cli_harness.sh" record-test "$@"
+
 if ! command -v python3 > /dev/null; then
   echo "note: python3 not found, record checks skipped"
   exit 0
 fi
-
-work=$(mktemp -d "${TMPDIR:-/tmp}/woodshed-record-test.XXXXXX")
-trap 'rm -rf "$work"' EXIT
-cd "$work" || exit 1
-
-passed=0
-failed=0
-pass() { passed=$((passed + 1)); }
-fail() { failed=$((failed + 1)); echo "FAIL: $*"; }
-
-run() {
-  "${ws[@]}" "$@" > stdout.txt 2> stderr.txt
-  rc=$?
-  out=$(tr -d '\r' < stdout.txt)
-  err=$(tr -d '\r' < stderr.txt)
-}
 
 # A mono 16-bit backing of 2 s at 22050 Hz, and a 24-bit file the recorder refuses.
 python3 - <<'PY'
@@ -166,5 +141,4 @@ else
   echo "note: no sound server (PULSE_SERVER unset), takes not recorded"
 fi
 
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+finish
