@@ -112,7 +112,7 @@ TEST(BeatScheduling, PulseKLandsOnItsExactFrameWhateverTheBlockSizes) {
     }
 }
 
-TEST(BeatScheduling, SpecExamplesOfPulseLengths) {
+TEST(BeatScheduling, PulseLengthsWorkedOutByHand) {
     EXPECT_EQ(pulse_frame(1, 48000, 120000000, 1), 24000);
     EXPECT_EQ(pulse_frame(2, 48000, 120000000, 1), 48000);
     EXPECT_EQ(pulse_frame(1, 44100, 100000000, 3), 8820);
