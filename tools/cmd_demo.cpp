@@ -242,6 +242,21 @@ double record_take(const Files& f, const std::vector<float>& line) {
     return loudest;
 }
 
+// A whole recording, decoded.
+struct Recording {
+    std::vector<float> samples;  // interleaved
+    size_t channels;
+    double rate;
+};
+
+Recording load(const std::string& path) {
+    AudioReader reader(path, 8000, 384000, 48000);
+    Recording r{{}, reader.channels(), static_cast<double>(reader.sample_rate())};
+    while (reader.read(r.samples, 65536) > 0) {
+    }
+    return r;
+}
+
 // The notes of a recording as the tuner names them: readings every 20 ms
 // over the preceding quarter second; a run of one pitched note lasting
 // 0.2 s or more counts as a note played.
@@ -251,12 +266,10 @@ struct HeardNote {
 };
 
 std::vector<HeardNote> notes_in(const std::string& path) {
-    AudioReader reader(path, 8000, 384000, 48000);
-    std::vector<float> audio;
-    while (reader.read(audio, 65536) > 0) {
-    }
-    const size_t channels = reader.channels();
-    const double rate = reader.sample_rate();
+    const Recording rec = load(path);
+    const std::vector<float>& audio = rec.samples;
+    const size_t channels = rec.channels;
+    const double rate = rec.rate;
     const auto hop = static_cast<size_t>(0.02 * rate);
     const auto context = static_cast<size_t>(0.25 * rate);
     const TunerConfig cfg{440.0, 55.0, 1200.0, 5.0, -1, 0};
@@ -299,14 +312,12 @@ void analyse(const Files& f, int32_t offset_ms, int32_t min_ms, int32_t max_ms, 
 
 // Mean energy of a mono recording between two moments.
 double energy(const std::string& path, double from, double to) {
-    AudioReader reader(path, 8000, 384000, 48000);
-    std::vector<float> audio;
-    while (reader.read(audio, 65536) > 0) {
-    }
-    const size_t channels = reader.channels();
+    const Recording rec = load(path);
+    const std::vector<float>& audio = rec.samples;
+    const size_t channels = rec.channels;
     const size_t frames = audio.size() / channels;
-    const auto begin = std::min(frames, static_cast<size_t>(from * reader.sample_rate()));
-    const auto end = std::min(frames, static_cast<size_t>(to * reader.sample_rate()));
+    const auto begin = std::min(frames, static_cast<size_t>(from * rec.rate));
+    const auto end = std::min(frames, static_cast<size_t>(to * rec.rate));
     double sum = 0.0;
     for (size_t i = begin * channels; i < end * channels; ++i) sum += static_cast<double>(audio[i]) * audio[i];
     return end > begin ? sum / static_cast<double>((end - begin) * channels) : 0.0;
