@@ -4,7 +4,11 @@
 // notes, and variations of them), and plain synthetic kinds that must stay at
 // their own pitch. Every file goes through tn_offline_process, the public
 // path; the material is the same on every run (fixed seed).
-//   bench_octave [--quick]
+// With --shares it also prints, per kind, the detector's odd-harmonic share
+// of the octave below over the frames of each file: the smallest for the
+// low strings (which must stay above the threshold), the largest for the
+// true tones (which must stay below it).
+//   bench_octave [--quick] [--shares]
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -15,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "tuner/analyser.hpp"
 #include "woodshed/tuner.h"
 
 namespace {
@@ -165,7 +170,32 @@ struct Tally {
     int files = 0, octave = 0, off50 = 0, silent = 0;
     std::vector<double> cents;  // |error| of the files read in the right octave
     double worst = 0.0;         // largest |error| in the right octave
+    std::vector<double> shares;  // dB, per file where the lower octave was weighed
 };
+
+bool g_shares = false;
+
+// The odd-harmonic share of the true note's octave (low strings) or of the
+// octave below the true note (true tones) over the frames of a file, in dB:
+// the smallest for the low strings, the largest for true tones.
+void record_share(Tally& t, const TunerConfig& cfg, const std::vector<float>& x, double rate, double truth,
+                  bool lowest) {
+    ws::tuner::PitchAnalyser a(&cfg);
+    a.reset(rate);
+    const size_t hop = static_cast<size_t>(a.hop() * a.decimation());
+    double pick = std::nan("");
+    for (size_t i = 0; i < x.size(); i += hop) {
+        const uint64_t before = a.total_samples();
+        a.push(x.data() + i, std::min(hop, x.size() - i));
+        const double s = a.detector().lower_octave_share();
+        const double lower = a.detector().lower_octave_hz() * (lowest ? 1.0 : 2.0);
+        if (before + 1 >= a.window() && lower > 0.0 && std::fabs(std::log2(lower / truth)) < 0.1) {
+            const double v = 10.0 * std::log10(std::max(s, 1e-12));
+            pick = std::isnan(pick) ? v : lowest ? std::min(pick, v) : std::max(pick, v);
+        }
+    }
+    if (!std::isnan(pick)) t.shares.push_back(pick);
+}
 
 // The reading's frequency as the user sees it (target note and cents), in
 // cents from the truth.
@@ -174,7 +204,8 @@ double error_cents(const TunerReading& r, double truth) {
 }
 
 void measure(Tally& t, const TunerConfig& cfg, const std::vector<float>& x, double rate, double truth,
-             double fixed_truth_cents = std::nan("")) {
+             double fixed_truth_cents = std::nan(""), bool low = false) {
+    if (g_shares) record_share(t, cfg, x, rate, truth, low);
     TunerReading r{};
     ++t.files;
     if (tn_offline_process(&cfg, x.data(), int32_t(x.size()), 1, rate, &r) != 1 || r.note < 0) {
@@ -201,14 +232,24 @@ double quantile(std::vector<double> v, double q) {
 }
 
 void print(const std::string& name, const Tally& t) {
-    std::printf("%-34s %6d %7d %6d %7d %9.3f %9.3f %9.3f\n", name.c_str(), t.files, t.octave, t.off50,
+    std::printf("%-34s %6d %7d %6d %7d %9.3f %9.3f %9.3f", name.c_str(), t.files, t.octave, t.off50,
                 t.silent, quantile(t.cents, 0.5), quantile(t.cents, 0.95), t.worst);
+    if (g_shares && !t.shares.empty()) {
+        std::printf("   share dB: %zu files, min %.1f, 5%% %.1f, median %.1f, 95%% %.1f, max %.1f", t.shares.size(),
+                    quantile(t.shares, 0.0), quantile(t.shares, 0.05), quantile(t.shares, 0.5),
+                    quantile(t.shares, 0.95), quantile(t.shares, 1.0));
+    }
+    std::printf("\n");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
+    bool quick = false;
+    for (int i = 1; i < argc; ++i) {
+        quick = quick || std::strcmp(argv[i], "--quick") == 0;
+        g_shares = g_shares || std::strcmp(argv[i], "--shares") == 0;
+    }
     const auto start = std::chrono::steady_clock::now();
     std::mt19937_64 rng(20261124);
     std::uniform_real_distribution<double> u(0.0, 1.0);
@@ -235,8 +276,8 @@ int main(int argc, char** argv) {
                     const auto x = render(n, rng);
                     const std::string name = profile == 0 ? "low string nylon" : profile == 1 ? "low string steel"
                                                                                               : "low string varied";
-                    measure(low[name + " 30..1300"], wide, x, rate, f);
-                    if (f >= 60.0) measure(low[name + " 55..1200"], standard, x, rate, f);
+                    measure(low[name + " 30..1300"], wide, x, rate, f, std::nan(""), true);
+                    if (f >= 60.0) measure(low[name + " 55..1200"], standard, x, rate, f, std::nan(""), true);
                 }
             }
         }
@@ -253,7 +294,7 @@ int main(int argc, char** argv) {
                 n.snr_db = snr;
                 const auto x = render(n, rng);
                 const TunerConfig cfg{440.0, 55.0, 1200.0, 5.0, 40, 0};
-                measure(fixed, cfg, x, rate, n.f, detune);
+                measure(fixed, cfg, x, rate, n.f, detune, true);
             }
         }
     }
@@ -261,18 +302,24 @@ int main(int argc, char** argv) {
 
     // Synthetic kinds, 41..1200 Hz (log-uniform), in the wide range.
     for (int k = 0; k < kinds; ++k) {
-        Tally t;
+        Tally t, by_snr[3];
         for (int i = 0; i < per_kind; ++i) {
             const double f = 41.0 * std::pow(1200.0 / 41.0, u(rng));
             for (double rate : rates) {
-                for (double snr : snrs) {
+                for (int s = 0; s < 3; ++s) {
                     Note n = synthetic(Kind(k), f, rate, rng);
-                    n.snr_db = snr;
-                    measure(t, wide, render(n, rng), rate, f);
+                    n.snr_db = snrs[s];
+                    const auto x = render(n, rng);
+                    measure(t, wide, x, rate, f);
+                    if (g_shares) record_share(by_snr[s], wide, x, rate, f, false);
                 }
             }
         }
         print(kKindNames[k], t);
+        for (int s = 0; s < 3 && g_shares; ++s) {
+            by_snr[s].files = t.files / 3;
+            print(std::string("  ") + (s == 0 ? "clean" : s == 1 ? "40 dB SNR" : "20 dB SNR"), by_snr[s]);
+        }
     }
     const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("(%.1f s)\n", secs);

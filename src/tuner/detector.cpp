@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <cstdlib>
 
 // SSE2 is part of every x86-64 target. The AVX2+FMA kernel is compiled for
 // its own target and chosen at run time, which needs the GCC/clang function
@@ -331,14 +332,78 @@ PitchEstimate PitchDetector::detect(const float* x, size_t n) {
             break;
         }
     }
-    double refined = chosen;
-    if (chosen >= 1 && chosen < max_lag_) {
-        const double a = v[chosen - 1], b = v[chosen], cc = v[chosen + 1];
+    auto refine = [&](int32_t lag) {
+        if (lag < 1 || lag >= max_lag_) return static_cast<double>(lag);
+        const double a = v[lag - 1], b = v[lag], cc = v[lag + 1];
         const double den = a - 2.0 * b + cc;
-        if (den != 0.0) refined = chosen + (a - cc) * 0.5 / den;
+        return den != 0.0 ? lag + (a - cc) * 0.5 / den : static_cast<double>(lag);
+    };
+    double refined = refine(chosen);
+
+    // A string with a weak fundamental and a weak third harmonic is nearly
+    // periodic at half its period. Its odd harmonics tell it from a true tone
+    // an octave up, which has no power at all between its own harmonics.
+    lower_hz_ = 0.0;
+    for (;;) {
+        const int32_t reach = std::max(2, chosen / 16);
+        int32_t lower = -1;
+        for (int32_t lag : maxima_) {
+            if (std::abs(lag - 2 * chosen) <= reach && (lower < 0 || v[lag] > v[lower])) lower = lag;
+        }
+        if (lower < 0 || v[lower] < 0.9 * highest) break;
+        const double period = refine(lower);
+        const double share = odd_harmonic_share(centred_.data(), n, period);
+        if (lower_hz_ == 0.0) {
+            lower_hz_ = rate_ / period;
+            share_ = share;
+        }
+        if (share < kLowerOctaveShare) break;
+        chosen = lower;
+        refined = period;
     }
     if (!(refined > 0.0)) return {};
     return {rate_ / refined, v[chosen]};
+}
+
+double odd_harmonic_share(const double* x, size_t n, double period) {
+    constexpr double kTwoPi = 6.283185307179586;
+    if (!(period > 0.0)) return 0.0;
+    const double periods = std::floor(static_cast<double>(n) / period);
+    if (periods < 2.0) return 0.0;
+    // Whole periods put every harmonic of the period on a zero of the Hann
+    // window's spectrum but its own, so the even harmonics (a true tone an
+    // octave up) leak nothing into the odd ones.
+    const size_t len = std::min(n, static_cast<size_t>(std::lround(periods * period)));
+    const double* y = x + (n - len) / 2;
+    double coef[4] = {};
+    size_t count = 0;
+    for (int j = 1; j <= 7; j += 2) {
+        if (j / period < 0.45) coef[count++] = 2.0 * std::cos(kTwoPi * j / period);
+    }
+    // Goertzel recurrences for the odd harmonics, side by side; the Hann
+    // window's cosine turns by a rotation.
+    double s1[4] = {}, s2[4] = {};
+    const double step = kTwoPi / static_cast<double>(len);
+    const double cs = std::cos(step), sn = std::sin(step);
+    double re = 1.0, im = 0.0, energy = 0.0;
+    for (size_t i = 0; i < len; ++i) {
+        const double w = (0.5 - 0.5 * re) * y[i];
+        energy += w * w;
+        for (size_t k = 0; k < 4; ++k) {
+            const double s0 = w + coef[k] * s1[k] - s2[k];
+            s2[k] = s1[k];
+            s1[k] = s0;
+        }
+        const double r = re * cs - im * sn;
+        im = re * sn + im * cs;
+        re = r;
+    }
+    if (!(energy > 0.0)) return 0.0;
+    double odd = 0.0;
+    for (size_t k = 0; k < count; ++k) odd += s1[k] * s1[k] + s2[k] * s2[k] - coef[k] * s1[k] * s2[k];
+    // A partial of amplitude A gives |X|^2 = (A len / 4)^2 and adds A^2/2 *
+    // 3 len / 8 to the windowed energy.
+    return 3.0 * odd / (static_cast<double>(len) * energy);
 }
 
 PitchEstimate OctaveGuard::apply(PitchEstimate in) {
