@@ -372,7 +372,8 @@ double odd_harmonic_share(const double* x, size_t n, double period) {
     if (periods < 2.0) return 0.0;
     // Whole periods put every harmonic of the period on a zero of the Hann
     // window's spectrum but its own, so the even harmonics (a true tone an
-    // octave up) leak nothing into the odd ones.
+    // octave up) leak nothing into the odd ones, and make the plain sum of
+    // squares the power of the harmonics.
     const size_t len = std::min(n, static_cast<size_t>(std::lround(periods * period)));
     const double* y = x + (n - len) / 2;
     double coef[4] = {};
@@ -388,7 +389,7 @@ double odd_harmonic_share(const double* x, size_t n, double period) {
     double re = 1.0, im = 0.0, energy = 0.0;
     for (size_t i = 0; i < len; ++i) {
         const double w = (0.5 - 0.5 * re) * y[i];
-        energy += w * w;
+        energy += y[i] * y[i];
         for (size_t k = 0; k < 4; ++k) {
             const double s0 = w + coef[k] * s1[k] - s2[k];
             s2[k] = s1[k];
@@ -401,9 +402,9 @@ double odd_harmonic_share(const double* x, size_t n, double period) {
     if (!(energy > 0.0)) return 0.0;
     double odd = 0.0;
     for (size_t k = 0; k < count; ++k) odd += s1[k] * s1[k] + s2[k] * s2[k] - coef[k] * s1[k] * s2[k];
-    // A partial of amplitude A gives |X|^2 = (A len / 4)^2 and adds A^2/2 *
-    // 3 len / 8 to the windowed energy.
-    return 3.0 * odd / (static_cast<double>(len) * energy);
+    // A partial of amplitude A gives |X|^2 = (A len / 4)^2 and A^2 len / 2
+    // of energy; over whole periods distinct harmonics add no cross terms.
+    return 8.0 * odd / (static_cast<double>(len) * energy);
 }
 
 PitchEstimate OctaveGuard::apply(PitchEstimate in) {
