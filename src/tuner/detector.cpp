@@ -351,6 +351,11 @@ PitchEstimate PitchDetector::detect(const float* x, size_t n) {
             if (std::abs(lag - 2 * chosen) <= reach && (lower < 0 || v[lag] > v[lower])) lower = lag;
         }
         if (lower < 0 || v[lower] < 0.9 * highest) break;
+        // Odd harmonics of the lower period change sign over the chosen one,
+        // so a share s of them pulls its value down by about 2s: a value this
+        // close to 1 leaves no room for a share at the threshold (and saves
+        // the transform on clean tones).
+        if (1.0 - v[chosen] < kLowerOctaveShare) break;
         const double period = refine(lower);
         const double share = odd_harmonic_share(centred_.data(), n, period);
         if (lower_hz_ == 0.0) {
@@ -381,23 +386,25 @@ double odd_harmonic_share(const double* x, size_t n, double period) {
     for (int j = 1; j <= 7; j += 2) {
         if (j / period < 0.45) coef[count++] = 2.0 * std::cos(kTwoPi * j / period);
     }
-    // Goertzel recurrences for the odd harmonics, side by side; the Hann
-    // window's cosine turns by a rotation.
+    // Goertzel recurrences for the odd harmonics, side by side, and the Hann
+    // window's cosine by the same kind of recurrence. Each step's only
+    // dependence on the previous one is one multiply-add.
     double s1[4] = {}, s2[4] = {};
-    const double step = kTwoPi / static_cast<double>(len);
-    const double cs = std::cos(step), sn = std::sin(step);
-    double re = 1.0, im = 0.0, energy = 0.0;
+    const double turn = 2.0 * std::cos(kTwoPi / static_cast<double>(len));
+    double cos_now = 1.0, cos_before = std::cos(kTwoPi / static_cast<double>(len));
+    double energy = 0.0;
     for (size_t i = 0; i < len; ++i) {
-        const double w = (0.5 - 0.5 * re) * y[i];
-        energy += y[i] * y[i];
+        const double v = y[i];
+        const double w = (0.5 - 0.5 * cos_now) * v;
+        energy += v * v;
         for (size_t k = 0; k < 4; ++k) {
-            const double s0 = w + coef[k] * s1[k] - s2[k];
+            const double s0 = coef[k] * s1[k] + (w - s2[k]);
             s2[k] = s1[k];
             s1[k] = s0;
         }
-        const double r = re * cs - im * sn;
-        im = re * sn + im * cs;
-        re = r;
+        const double next = turn * cos_now - cos_before;
+        cos_before = cos_now;
+        cos_now = next;
     }
     if (!(energy > 0.0)) return 0.0;
     double odd = 0.0;
