@@ -19,12 +19,8 @@ namespace {
 using ws::tuner::NsdfKernel;
 
 const char* kernel_name(NsdfKernel k) {
-    switch (k) {
-    case NsdfKernel::scalar: return "scalar";
-    case NsdfKernel::sse2: return "sse2";
-    case NsdfKernel::avx2: return "avx2";
-    }
-    return "?";
+    static const char* const names[] = {"scalar", "sse2", "avx2"};
+    return names[static_cast<int>(k)];
 }
 
 struct Window {
