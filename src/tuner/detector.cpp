@@ -344,6 +344,7 @@ PitchEstimate PitchDetector::detect(const float* x, size_t n) {
     // periodic at half its period. Its odd harmonics tell it from a true tone
     // an octave up, which has no power at all between its own harmonics.
     lower_hz_ = 0.0;
+    share_ = 0.0;
     for (;;) {
         const int32_t reach = std::max(2, chosen / 16);
         int32_t lower = -1;
