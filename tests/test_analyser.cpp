@@ -24,9 +24,6 @@ TEST(TunerConfig, FieldsOutsideTheirRangesAreReplaced) {
         {{480, 200, 200 * 1.5 + 1, 25, -1, 1}, {480, 200, 301, 25, -1, 1}},
         {{399.9, 19.9, 5000.1, 0.4, 128, 2}, {440, 55, 1200, 5, -1, 0}},
         {{kNaN, kInf, -kInf, kNaN, -2, -1}, {440, 55, 1200, 5, -1, 0}},
-        {{440, 55, 1200, 26, -1, 0}, {440, 55, 1200, 5, -1, 0}},
-        {{440, 150, 220, 5, -1, 0}, {440, 55, 1200, 5, -1, 0}},  // 225 >= 220
-        {{440, 150, 200, 5, -1, 0}, {440, 55, 1200, 5, -1, 0}},
         {{440, 140, 210, 5, -1, 0}, {440, 55, 1200, 5, -1, 0}},  // exactly 1.5x
         {{440, 140, 211, 5, -1, 0}, {440, 140, 211, 5, -1, 0}},
     };
@@ -46,14 +43,10 @@ TEST(TunerConfig, FieldsOutsideTheirRangesAreReplaced) {
 TEST(PitchAnalyser, RatesDecimationAndWindows) {
     struct Row { double rate; double lowest; double used; uint32_t d; uint64_t n; };
     const Row rows[] = {
-        {0, 55, 48000, 1, 2048},        {-44100, 55, 48000, 1, 2048},
-        {kNaN, 55, 48000, 1, 2048},     {7999, 55, 48000, 1, 2048},
-        {384001, 55, 48000, 1, 2048},   {8000, 55, 8000, 1, 1024},
-        {384000, 55, 384000, 8, 2048},  {44100, 55, 44100, 1, 2048},
-        {55000, 55, 55000, 1, 4096},    {88200, 55, 88200, 2, 2048},
-        {96000, 55, 96000, 2, 2048},    {192000, 55, 192000, 4, 2048},
-        {48000, 20, 48000, 1, 8192},    {8000, 200, 8000, 1, 1024},
-        {48000, 200, 48000, 1, 1024},   {48000, 100, 48000, 1, 2048},
+        {0, 55, 48000, 1, 2048},       {kNaN, 55, 48000, 1, 2048},    {7999, 55, 48000, 1, 2048},
+        {384001, 55, 48000, 1, 2048},  {8000, 55, 8000, 1, 1024},     {384000, 55, 384000, 8, 2048},
+        {55000, 55, 55000, 1, 4096},   {88200, 55, 88200, 2, 2048},   {192000, 55, 192000, 4, 2048},
+        {48000, 20, 48000, 1, 8192},   {8000, 200, 8000, 1, 1024},
     };
     for (const auto& r : rows) {
         TunerConfig cfg = ws::tuner::kDefaultConfig;
@@ -72,9 +65,8 @@ TEST(PitchAnalyser, RatesDecimationAndWindows) {
 // Tones of known pitch at every supported kind of rate read as their note,
 // within a cent, in tune.
 TEST(PitchAnalyser, TonesReadAsTheirNoteAcrossRates) {
-    for (double rate : {8000.0, 11025.0, 22050.0, 44100.0, 48000.0, 88200.0, 96000.0, 176400.0,
-                        192000.0}) {
-        for (int note : {40, 45, 50, 55, 59, 64, 69, 76, 81}) {  // E2 .. A5
+    for (double rate : {8000.0, 22050.0, 44100.0, 48000.0, 96000.0, 192000.0}) {
+        for (int note : {40, 47, 57, 69, 81}) {  // E2 .. A5
             const double f = t::midi_hz(note);
             PitchAnalyser a(nullptr);
             a.reset(rate);
@@ -91,26 +83,6 @@ TEST(PitchAnalyser, TonesReadAsTheirNoteAcrossRates) {
             EXPECT_EQ(r.state, tn_state_in_tune);
         }
     }
-}
-
-TEST(PitchAnalyser, NoReadingBeforeTheFirstFullWindow) {
-    PitchAnalyser a(nullptr);
-    a.reset(48000);
-    const auto x = t::sine(440, 48000, 2048);
-    TunerReading r{};
-    a.push(x.data(), 2047);
-    EXPECT_FALSE(a.take_reading(&r));
-    a.push(x.data() + 2047, 1);
-    EXPECT_TRUE(a.take_reading(&r));
-    EXPECT_EQ(r.frame_count, 1u);
-    EXPECT_FALSE(a.take_reading(nullptr));
-    // Taking does not consume.
-    TunerReading again{};
-    EXPECT_TRUE(a.take_reading(&again));
-    EXPECT_EQ(again.frame_count, 1u);
-    // Reset drops the reading.
-    a.reset(48000);
-    EXPECT_FALSE(a.take_reading(&r));
 }
 
 TEST(PitchAnalyser, PushingInPiecesEqualsPushingAtOnce) {
@@ -230,9 +202,12 @@ TEST(PitchAnalyser, ConfigureResetsOnlyForANewRange) {
     a.reset(48000);
     const auto x = t::sine(441.0, 48000, 48000);
     a.push(x.data(), x.size());
-    TunerReading r{};
+    TunerReading r{}, again{};
     ASSERT_TRUE(a.take_reading(&r));
     ASSERT_NE(r.strobe_phase, 0.0);
+    ASSERT_TRUE(a.take_reading(&again));  // taking does not consume
+    EXPECT_EQ(again.frame_count, r.frame_count);
+    EXPECT_FALSE(a.take_reading(nullptr));
 
     TunerConfig cfg = ws::tuner::kDefaultConfig;
     cfg.tolerance_cents = 1.0;  // takes effect at the next frame, no reset
@@ -249,34 +224,6 @@ TEST(PitchAnalyser, ConfigureResetsOnlyForANewRange) {
     a.configure(&cfg);
     EXPECT_FALSE(a.take_reading(&r));
     EXPECT_EQ(a.window(), 1024u);
-}
-
-TEST(PitchAnalyser, NoteChangeAndDropoutThroughTheWholeChain) {
-    const double rate = 44100;
-    const size_t half = static_cast<size_t>(rate / 2);
-    PitchAnalyser a(nullptr);
-    a.reset(rate);
-    TunerReading r{};
-    const auto e2 = t::string_tone(t::midi_hz(40), rate, half);
-    a.push(e2.data(), e2.size());
-    ASSERT_TRUE(a.take_reading(&r));
-    EXPECT_EQ(r.note, 40);
-    const auto a2 = t::string_tone(t::midi_hz(45), rate, half);
-    a.push(a2.data(), a2.size());
-    ASSERT_TRUE(a.take_reading(&r));
-    EXPECT_EQ(r.note, 45);
-    // A short gap (three hops) holds the note.
-    const auto gap = t::silence(3 * 1024);
-    a.push(gap.data(), gap.size());
-    ASSERT_TRUE(a.take_reading(&r));
-    EXPECT_EQ(r.note, 45);
-    EXPECT_EQ(r.state, tn_state_holding);
-    // A long one clears it.
-    const auto quiet = t::silence(half);
-    a.push(quiet.data(), quiet.size());
-    ASSERT_TRUE(a.take_reading(&r));
-    EXPECT_EQ(r.note, -1);
-    EXPECT_EQ(r.state, tn_state_silent);
 }
 
 }  // namespace

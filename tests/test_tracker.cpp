@@ -39,7 +39,6 @@ TEST(NoteTracker, NamesNotesAndCentsAtA440) {
         {452.0, 69, 4, cents(452, 440), tn_state_pitched},             // about +46.6
         {453.0, 70, 4, cents(453, midi_hz(70)), tn_state_pitched},     // about -49.6
         {82.4069, 40, 2, cents(82.4069, midi_hz(40)), tn_state_in_tune},  // E2
-        {138.59, 49, 3, cents(138.59, midi_hz(49)), tn_state_in_tune},    // C#3
         {442.0, 69, 4, cents(442, 440), tn_state_in_tune},  // +7.85 cents, within an 8-cent tolerance
     };
     for (const auto& r : rows) {
@@ -54,8 +53,6 @@ TEST(NoteTracker, NamesNotesAndCentsAtA440) {
         EXPECT_EQ(out.state, r.state);
         EXPECT_EQ(out.frequency_hz, r.f);
     }
-    EXPECT_NEAR(cents(452, 440), 46.6, 0.05);
-    EXPECT_NEAR(cents(453, midi_hz(70)), -49.6, 0.05);
 }
 
 TEST(NoteTracker, ANewNoteIsTakenOnItsSecondFrameWithUnsmoothedCents) {
@@ -71,23 +68,19 @@ TEST(NoteTracker, ANewNoteIsTakenOnItsSecondFrameWithUnsmoothedCents) {
     EXPECT_NEAR(second.cents, 10.0, 1e-9);
     EXPECT_EQ(second.state, tn_state_pitched);
     EXPECT_EQ(second.strobe_phase, (b4 - midi_hz(71)) * 2 * ws::test::kPi * kDt);
-}
-
-TEST(NoteTracker, SingleFrameFlickerIsIgnored) {
-    Harness h;
-    h.frame(440.0);
-    EXPECT_EQ(h.frame(midi_hz(71)).state, tn_state_holding);
-    const TunerReading back = h.frame(440.0);
-    EXPECT_EQ(back.note, 69);
-    EXPECT_EQ(back.state, tn_state_in_tune);
-    // Alternating candidates never reach two in a row.
-    EXPECT_EQ(h.frame(midi_hz(72)).note, 69);
-    EXPECT_EQ(h.frame(midi_hz(74)).note, 69);
-    EXPECT_EQ(h.frame(midi_hz(72)).note, 69);
+    // A single-frame flicker, and alternating candidates, never change the note.
+    EXPECT_EQ(h.frame(440.0).state, tn_state_holding);
+    EXPECT_EQ(h.frame(b4).note, 71);
+    EXPECT_EQ(h.frame(midi_hz(72)).note, 71);
+    EXPECT_EQ(h.frame(midi_hz(74)).note, 71);
+    EXPECT_EQ(h.frame(midi_hz(72)).note, 71);
 }
 
 TEST(NoteTracker, HoldsSixMissingFramesAndClearsOnTheSeventh) {
     Harness h;
+    // Silence before any note keeps the silent reading.
+    EXPECT_EQ(h.frame(0.0).state, tn_state_silent);
+    EXPECT_EQ(h.reading.note, -1);
     h.frame(440.0);
     h.frame(441.0);
     const TunerReading before = h.reading;
@@ -111,16 +104,6 @@ TEST(NoteTracker, HoldsSixMissingFramesAndClearsOnTheSeventh) {
     EXPECT_NEAR(again.cents, cents(452, 440), 1e-9);
 }
 
-TEST(NoteTracker, SilenceBeforeAnyNoteKeepsTheSilentReading) {
-    Harness h;
-    for (int i = 0; i < 3; ++i) {
-        const TunerReading r = h.frame(0.0);
-        EXPECT_EQ(r.state, tn_state_silent);
-        EXPECT_EQ(r.note, -1);
-        EXPECT_EQ(r.frame_count, uint64_t(i + 1));
-    }
-}
-
 TEST(NoteTracker, FixedNoteReportsLargeDeviationsWithoutChangingNote) {
     Harness h;
     h.config.fixed_note = 69;
@@ -141,8 +124,7 @@ TEST(NoteTracker, SmoothingFactorDependsOnClarityAndTheSlowFlag) {
     const double f10 = 440.0 * std::pow(2.0, 10.0 / 1200.0);
     const double f20 = 440.0 * std::pow(2.0, 20.0 / 1200.0);
     struct Row { double clarity; int slow; double alpha; };
-    const Row rows[] = {{0.6, 0, 0.26}, {1.0, 0, 0.38}, {0.9, 0, 0.35}, {0.9, 1, 0.175},
-                        {1.5, 0, 0.42}, {0.0, 0, 0.08}, {0.0, 1, 0.04}};
+    const Row rows[] = {{0.6, 0, 0.26}, {0.9, 1, 0.175}, {1.5, 0, 0.42}, {0.0, 0, 0.08}};
     for (const auto& r : rows) {
         Harness h;
         h.config.slow_smoothing = r.slow;
@@ -179,7 +161,7 @@ TEST(NoteTracker, StrobeAdvancesByTheFrequencyErrorAndFolds) {
     EXPECT_LT(std::fabs(far.reading.strobe_phase), 6283185.307179586);
 }
 
-TEST(NoteTracker, TimeAndCountsFollowTheFraming) {
+TEST(NoteTracker, TimeCountsAndLevels) {
     Harness h;
     // Frame k ends at (hop * k + N) samples: 2048, 3072, 4096 at 48 kHz.
     const uint64_t expected_us[] = {42666, 64000, 85333};
@@ -192,19 +174,13 @@ TEST(NoteTracker, TimeAndCountsFollowTheFraming) {
     NoteTracker tr;
     TunerReading r = ws::tuner::cleared_reading();
     const FrameTiming dec{1024, 2048, 4, 192000.0, 48000.0};
-    tr.update(r, FrameInput{}, dec, ws::tuner::kDefaultConfig);
+    tr.update(r, FrameInput{0, 0, 4.0, 0.0, true}, dec, ws::tuner::kDefaultConfig);
     EXPECT_EQ(r.time_us, 42666u);
-}
-
-TEST(NoteTracker, LevelsArePassedThroughWithFloors) {
-    Harness h;
-    NoteTracker tr;
-    TunerReading r = ws::tuner::cleared_reading();
-    tr.update(r, FrameInput{0, 0, 4.0, 0.0, true}, kTiming, h.config);
+    // Levels pass through with their floors: peak at most 1, level at least -120 dB.
     EXPECT_EQ(r.peak, 1.0);
     EXPECT_EQ(r.level_db, -120.0);
     EXPECT_EQ(r.clipped, 1u);
-    tr.update(r, FrameInput{0, 0, 0.3, 0.1, false}, kTiming, h.config);
+    tr.update(r, FrameInput{0, 0, 0.3, 0.1, false}, dec, ws::tuner::kDefaultConfig);
     EXPECT_EQ(r.peak, 0.3);
     EXPECT_NEAR(r.level_db, -20.0, 1e-12);
     EXPECT_EQ(r.clipped, 0u);

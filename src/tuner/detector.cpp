@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <cstdlib>
 
 // SSE2 is part of every x86-64 target. The AVX2+FMA kernel is compiled for
 // its own target and chosen at run time, which needs the GCC/clang function
@@ -331,14 +332,87 @@ PitchEstimate PitchDetector::detect(const float* x, size_t n) {
             break;
         }
     }
-    double refined = chosen;
-    if (chosen >= 1 && chosen < max_lag_) {
-        const double a = v[chosen - 1], b = v[chosen], cc = v[chosen + 1];
+    auto refine = [&](int32_t lag) {
+        if (lag < 1 || lag >= max_lag_) return static_cast<double>(lag);
+        const double a = v[lag - 1], b = v[lag], cc = v[lag + 1];
         const double den = a - 2.0 * b + cc;
-        if (den != 0.0) refined = chosen + (a - cc) * 0.5 / den;
+        return den != 0.0 ? lag + (a - cc) * 0.5 / den : static_cast<double>(lag);
+    };
+    double refined = refine(chosen);
+
+    // A string with a weak fundamental and a weak third harmonic is nearly
+    // periodic at half its period. Its odd harmonics tell it from a true tone
+    // an octave up, which has no power at all between its own harmonics.
+    lower_hz_ = 0.0;
+    share_ = 0.0;
+    for (;;) {
+        const int32_t reach = std::max(2, chosen / 16);
+        int32_t lower = -1;
+        for (int32_t lag : maxima_) {
+            if (std::abs(lag - 2 * chosen) <= reach && (lower < 0 || v[lag] > v[lower])) lower = lag;
+        }
+        if (lower < 0 || v[lower] < 0.9 * highest) break;
+        // Odd harmonics of the lower period change sign over the chosen one,
+        // so a share s of them pulls its value down by about 2s: a value this
+        // close to 1 leaves no room for a share at the threshold (and saves
+        // the transform on clean tones).
+        if (1.0 - v[chosen] < kLowerOctaveShare) break;
+        const double period = refine(lower);
+        const double share = odd_harmonic_share(centred_.data(), n, period);
+        if (lower_hz_ == 0.0) {
+            lower_hz_ = rate_ / period;
+            share_ = share;
+        }
+        if (share < kLowerOctaveShare) break;
+        chosen = lower;
+        refined = period;
     }
     if (!(refined > 0.0)) return {};
     return {rate_ / refined, v[chosen]};
+}
+
+double odd_harmonic_share(const double* x, size_t n, double period) {
+    constexpr double kTwoPi = 6.283185307179586;
+    if (!(period > 0.0)) return 0.0;
+    const double periods = std::floor(static_cast<double>(n) / period);
+    if (periods < 2.0) return 0.0;
+    // Whole periods put every harmonic of the period on a zero of the Hann
+    // window's spectrum but its own, so the even harmonics (a true tone an
+    // octave up) leak nothing into the odd ones, and make the plain sum of
+    // squares the power of the harmonics.
+    const size_t len = std::min(n, static_cast<size_t>(std::lround(periods * period)));
+    const double* y = x + (n - len) / 2;
+    double coef[4] = {};
+    size_t count = 0;
+    for (int j = 1; j <= 7; j += 2) {
+        if (j / period < 0.45) coef[count++] = 2.0 * std::cos(kTwoPi * j / period);
+    }
+    // Goertzel recurrences for the odd harmonics, side by side, and the Hann
+    // window's cosine by the same kind of recurrence. Each step's only
+    // dependence on the previous one is one multiply-add.
+    double s1[4] = {}, s2[4] = {};
+    const double turn = 2.0 * std::cos(kTwoPi / static_cast<double>(len));
+    double cos_now = 1.0, cos_before = std::cos(kTwoPi / static_cast<double>(len));
+    double energy = 0.0;
+    for (size_t i = 0; i < len; ++i) {
+        const double v = y[i];
+        const double w = (0.5 - 0.5 * cos_now) * v;
+        energy += v * v;
+        for (size_t k = 0; k < 4; ++k) {
+            const double s0 = coef[k] * s1[k] + (w - s2[k]);
+            s2[k] = s1[k];
+            s1[k] = s0;
+        }
+        const double next = turn * cos_now - cos_before;
+        cos_before = cos_now;
+        cos_now = next;
+    }
+    if (!(energy > 0.0)) return 0.0;
+    double odd = 0.0;
+    for (size_t k = 0; k < count; ++k) odd += s1[k] * s1[k] + s2[k] * s2[k] - coef[k] * s1[k] * s2[k];
+    // A partial of amplitude A gives |X|^2 = (A len / 4)^2 and A^2 len / 2
+    // of energy; over whole periods distinct harmonics add no cross terms.
+    return 8.0 * odd / (static_cast<double>(len) * energy);
 }
 
 PitchEstimate OctaveGuard::apply(PitchEstimate in) {

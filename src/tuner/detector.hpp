@@ -1,6 +1,7 @@
 // Pitch of one analysis window by the normalised square-difference function
-// with key-maximum picking, and the guard that replaces octave jumps by the
-// median of recent estimates. Both are plain single-threaded objects; all
+// with key-maximum picking, a check of the octave below for the odd harmonics
+// that only a lower note has (src/tuner/NOTES.md), and the guard that replaces
+// octave jumps by the median of recent estimates. Both are plain single-threaded objects; all
 // allocation happens in configure().
 #pragma once
 
@@ -19,6 +20,9 @@ class PitchDetector {
 public:
     static constexpr double kClarityThreshold = 0.6;
     static constexpr double kSilenceThreshold = 0.0025;
+    // A window with at least this share of its power at the odd harmonics of
+    // the octave below the chosen period is that lower note (-30 dB).
+    static constexpr double kLowerOctaveShare = 0.001;
 
     // rate is the (decimated) rate the windows arrive at; n the window length.
     void configure(double rate, double lowest_hz, double highest_hz, uint64_t n);
@@ -29,6 +33,10 @@ public:
     uint64_t window() const { return n_; }
     // NSDF values of the last detect(), index = lag (0 and 1 unused).
     const std::vector<double>& values() const { return values_; }
+    // The first lower octave the last detect() weighed (0 Hz if none) and
+    // its odd-harmonic share.
+    double lower_octave_hz() const { return lower_hz_; }
+    double lower_octave_share() const { return share_; }
 
 private:
     void compute_nsdf(size_t n);
@@ -41,7 +49,15 @@ private:
     std::vector<double> energy_;   // prefix sums of squares of centred_, n + 1 entries
     std::vector<double> values_;
     std::vector<int32_t> maxima_;
+    double lower_hz_ = 0.0;
+    double share_ = 0.0;
 };
+
+// Share of the power of x[0..n) at the odd harmonics 1, 3, 5 and 7 of a
+// period of `period` samples (those below 0.45 cycles per sample), from a
+// Hann-windowed DFT over the largest whole number of periods in the middle
+// of x. Zero when fewer than two periods fit or x is silent.
+double odd_harmonic_share(const double* x, size_t n, double period);
 
 // Replaces a single estimate more than 80 cents away from the median of the
 // last five by that median; three misses in a row forget the history.
