@@ -249,7 +249,7 @@ std::vector<Condition> conditions() {
     jump.jumps = {{0.4, 1504}};
     c.push_back({"usual_room_jump_1504", jump});
     SceneSpec weak = usual;
-    weak.leak_rms = 0.08 * std::pow(10.0, -33.0 / 20.0);
+    weak.leak_rms = 0.25 * std::pow(10.0, -33.0 / 20.0);  // the player at -12 dBFS
     weak.musician_db = 33.0;
     c.push_back({"leak_33dB_under", weak});
     return c;
