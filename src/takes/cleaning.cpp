@@ -135,7 +135,8 @@ std::vector<std::vector<size_t>> group_segments(const std::vector<Segment>& segs
         const double expected = slope * static_cast<double>(q.start - p.start);
         const double step = q.residual - p.residual - expected;
         const bool same_room = q.present(p.residual + expected) && p.present(q.residual - expected);
-        if (std::fabs(step) > 3.0 && !same_room) groups.emplace_back();
+        // Before a drift is corrected its smear makes single steps uneven.
+        if (std::fabs(step) > 3.0 + std::fabs(expected) && !same_room) groups.emplace_back();
         groups.back().push_back(valid[k]);
     }
     return groups;
@@ -327,6 +328,7 @@ void ReferenceReader::read(int64_t first, size_t count, float* out) const {
         for (size_t j = 0; j < count; ++j) out[j] = at(first + static_cast<int64_t>(j));
         return;
     }
+    first -= shift_;
     // Zeros before and after the reference, one copy for the part inside.
     const int64_t c = static_cast<int64_t>(count);
     const int64_t j0 = std::clamp<int64_t>(-first, 0, c);
@@ -334,6 +336,37 @@ void ReferenceReader::read(int64_t first, size_t count, float* out) const {
     std::fill(out, out + j0, 0.0f);
     std::copy(a_ + (first + j0), a_ + (first + j1), out + j0);
     std::fill(out + j1, out + count, 0.0f);
+}
+
+std::vector<float> resample(const float* a, size_t na, double stretch, size_t count) {
+    constexpr int kHalf = 16;
+    constexpr int kPhases = 1024;
+    constexpr double kPi = 3.14159265358979323846;
+    // Blackman-windowed sinc, kPhases fractional offsets of 2 kHalf taps.
+    std::vector<float> table(static_cast<size_t>(kPhases + 1) * 2 * kHalf);
+    for (int f = 0; f <= kPhases; ++f) {
+        for (int j = 0; j < 2 * kHalf; ++j) {
+            const double u = static_cast<double>(j - kHalf + 1) - static_cast<double>(f) / kPhases;
+            const double w = 0.42 + 0.5 * std::cos(kPi * u / kHalf) + 0.08 * std::cos(2.0 * kPi * u / kHalf);
+            table[static_cast<size_t>(f * 2 * kHalf + j)] =
+                static_cast<float>(std::fabs(u) >= kHalf ? 0.0 : u == 0.0 ? 1.0 : w * std::sin(kPi * u) / (kPi * u));
+        }
+    }
+    std::vector<float> out(count, 0.0f);
+    for (size_t i = 0; i < count; ++i) {
+        const double x = static_cast<double>(i) / stretch;
+        const double fl = std::floor(x);
+        const auto i0 = static_cast<int64_t>(fl);
+        const auto f = static_cast<size_t>(std::lround((x - fl) * kPhases));
+        const float* taps = table.data() + f * 2 * kHalf;
+        double v = 0.0;
+        for (int j = 0; j < 2 * kHalf; ++j) {
+            const int64_t k = i0 + j - kHalf + 1;
+            if (k >= 0 && static_cast<uint64_t>(k) < na) v += static_cast<double>(a[k]) * taps[j];
+        }
+        out[i] = static_cast<float>(v);
+    }
+    return out;
 }
 
 double robust_slope(const std::vector<DriftPoint>& points) {
@@ -379,7 +412,11 @@ Alignment find_alignment(const float* a, size_t na, const float* b, size_t nb, i
             }
             if (std::fabs(drift) <= 4e-4) {
                 al.drift = drift;
-                if (!last.empty()) segs = std::move(last);
+                if (!last.empty()) {
+                    segs = std::move(last);
+                    groups = group_segments(segs);
+                    if (groups.empty()) return whole(lag);
+                }
             }
         }
     }
@@ -470,9 +507,18 @@ bool clean_take(const float* a, size_t na, std::vector<float>& b, int64_t lag, d
     Alignment al = find_alignment(a, na, b.data(), nb, lag, big);
     report.drift = al.drift;
     report.stretches = al.stretches;
-    const double scale = 1.0 / (1.0 + al.drift);
+    // With a drift the reference is brought onto the take's clock once:
+    // stretch s then reads a(t / (1 + drift) - base) at take frame t, which
+    // is the resampled reference shifted by base * drift (to the frame; the
+    // filter takes up the fraction).
+    std::vector<float> resampled;
+    if (al.drift != 0.0) {
+        resampled = resample(a, na, 1.0 + al.drift, static_cast<size_t>(std::ceil(static_cast<double>(na) * (1.0 + al.drift))) + 1);
+    }
     auto reader = [&](const Stretch& s) {
-        return ReferenceReader(a, na, s.delay - pre, scale, al.drift != 0.0);
+        if (resampled.empty()) return ReferenceReader(a, na, s.delay - pre, 1.0, false);
+        return ReferenceReader(resampled.data(), resampled.size(), s.delay - pre, 1.0, false,
+                               std::llround(static_cast<double>(s.delay - pre) * al.drift));
     };
     // Estimation leaves out the zones where a jump lies somewhere.
     std::vector<std::pair<int64_t, int64_t>> ranges;

@@ -41,13 +41,16 @@ float catmull_rom(const float* a, size_t n, double x);
 // (q + base) * scale - base.
 class ReferenceReader {
 public:
-    ReferenceReader(const float* a, size_t n, int64_t base, double scale, bool resample)
-        : a_(a), n_(n), base_(base), scale_(scale), resample_(resample) {}
+    // shift: the direct reading of index q takes a[q - shift].
+    ReferenceReader(const float* a, size_t n, int64_t base, double scale, bool resample,
+                    int64_t shift = 0)
+        : a_(a), n_(n), base_(base), scale_(scale), resample_(resample), shift_(shift) {}
     float at(int64_t q) const {
         if (resample_) {
             return catmull_rom(a_, n_, static_cast<double>(q + base_) * scale_ -
                                            static_cast<double>(base_));
         }
+        q -= shift_;
         return q >= 0 && static_cast<uint64_t>(q) < n_ ? a_[q] : 0.0f;
     }
     // out[j] = at(first + j), j < count.
@@ -60,7 +63,12 @@ private:
     int64_t base_;
     double scale_;
     bool resample_;
+    int64_t shift_;
 };
+
+// a read at positions i / stretch, i < count: a 32-tap windowed sinc, for a
+// whole reference brought onto the take's clock once.
+std::vector<float> resample(const float* a, size_t na, double stretch, size_t count);
 
 struct DriftPoint {
     double position;  // take frame at the middle of the segment
