@@ -17,7 +17,6 @@ using cdouble = std::complex<double>;
 constexpr size_t kBigFft = 262144;
 constexpr int64_t kSearch = kJumpSearch;
 constexpr size_t kCurve = 2 * static_cast<size_t>(kSearch) + 1;  // lags -2S .. 0
-constexpr size_t kPowerBlock = 4096;   // take frames per weight
 constexpr size_t kCheckChunk = 16384;  // take frames per never-worse decision
 constexpr double kPriorDecayDb = 80.0; // the prior ends this far down
 constexpr double kDefaultRt60 = 0.3;
@@ -209,40 +208,29 @@ struct Accumulator {
     double take_frames = 0.0;
 };
 
-// cross[k] += sum_u g(u) ref(u) b(u + base + k), autoc[k] += sum_u g(u)
-// ref(u) ref(u + k) for the take frames t0 .. t1, where g is the weight of
-// the take block in which u's direct sound arrives (1 without weights).
-void accumulate(const ReferenceReader& ref, const float* b, int64_t t0, int64_t t1,
-                const std::vector<double>& weights, int64_t pre, const FftTable& big,
-                Accumulator& acc) {
+// cross[k] += sum_u ref(u) b(u + base + k), autoc[k] += sum_u ref(u)
+// ref(u + k), over the reference frames u whose take frames u + base lie in
+// t0 .. t1 (the take side runs `taps` further).
+void accumulate(const ReferenceReader& ref, const float* b, size_t nb, int64_t t0, int64_t t1,
+                const FftTable& big, Accumulator& acc) {
     const size_t taps = acc.cross.size();
     const size_t len_max = kBigFft - taps;
     std::vector<cfloat> r1(kBigFft), x(kBigFft);
-    std::vector<float> refs(kBigFft), part(kBigFft);
+    std::vector<float> refs(kBigFft);
     for (int64_t s = t0; s < t1; s += static_cast<int64_t>(len_max)) {
         const size_t len = std::min<size_t>(len_max, static_cast<size_t>(t1 - s));
-        const size_t take_len = std::min<size_t>(len + taps, static_cast<size_t>(t1 - s));
+        const size_t take_len = std::min<size_t>(len + taps, nb - static_cast<size_t>(s));
         ref.read(s - ref.base(), len + taps, refs.data());
-        auto weight = [&](size_t j) {
-            if (weights.empty()) return 1.0;
-            const size_t blk = static_cast<size_t>(s + pre + static_cast<int64_t>(j)) / kPowerBlock;
-            return weights[std::min(blk, weights.size() - 1)];
-        };
-        // cross with g ref; autoc with sqrt(g) ref on both sides, which keeps
-        // it an autocorrelation (a positive definite Toeplitz matrix).
-        for (size_t j = 0; j < len; ++j) part[j] = static_cast<float>(refs[j] * weight(j));
-        fill_real(r1.data(), part.data(), len, kBigFft);
+        fill_real(r1.data(), refs.data(), len, kBigFft);
         big.transform(r1.data(), false);
+
         fill_real(x.data(), b + s, take_len, kBigFft);
         big.transform(x.data(), false);
         multiply_conj(x.data(), r1.data(), kBigFft);
         big.transform(x.data(), true);
         for (size_t k = 0; k < taps; ++k) acc.cross[k] += x[k].real();
 
-        for (size_t j = 0; j < len + taps; ++j) part[j] = static_cast<float>(refs[j] * std::sqrt(weight(j)));
-        fill_real(r1.data(), part.data(), len, kBigFft);
-        big.transform(r1.data(), false);
-        fill_real(x.data(), part.data(), len + taps, kBigFft);
+        fill_real(x.data(), refs.data(), len + taps, kBigFft);
         big.transform(x.data(), false);
         multiply_conj(x.data(), r1.data(), kBigFft);
         big.transform(x.data(), true);
@@ -526,27 +514,38 @@ bool clean_take(const float* a, size_t na, std::vector<float>& b, int64_t lag, d
         ranges.emplace_back(j == 0 ? 0 : al.zone_end[j - 1], j + 1 < al.stretches.size() ? al.zone_start[j] : nbi);
     }
 
-    const auto estimate = [&](size_t taps, const std::vector<double>& weights) {
+    // Every fourth run of kHoldRun frames can be held out of the estimate.
+    const bool holdout_possible = nb >= 8 * kHoldRun;
+    const auto held_out = [](int64_t t) { return (t / static_cast<int64_t>(kHoldRun)) % 4 == 3; };
+    const auto estimate = [&](size_t taps, bool holdout) {
         Accumulator acc{std::vector<double>(taps, 0.0), std::vector<double>(taps, 0.0), 0.0};
         for (size_t j = 0; j < al.stretches.size(); ++j) {
-            if (ranges[j].first < ranges[j].second) {
-                accumulate(reader(al.stretches[j]), b.data(), ranges[j].first, ranges[j].second, weights, pre, big, acc);
+            for (int64_t t = ranges[j].first; t < ranges[j].second;) {
+                const int64_t run_end = std::min<int64_t>((t / kHoldRun + 1) * kHoldRun, ranges[j].second);
+                if (!(holdout && held_out(t))) {
+                    // Consecutive kept runs go in one piece.
+                    int64_t end = run_end;
+                    while (end < ranges[j].second && !(holdout && held_out(end))) {
+                        end = std::min<int64_t>(end + static_cast<int64_t>(kHoldRun), ranges[j].second);
+                    }
+                    accumulate(reader(al.stretches[j]), b.data(), nb, t, end, big, acc);
+                    t = end;
+                } else {
+                    t = run_end;
+                }
             }
         }
         return acc;
     };
-    // Take and predicted-leak energy per block of kPowerBlock frames.
-    std::vector<double> pe(nb / kPowerBlock + 1), py(pe.size());
-    const auto block_powers = [&](const std::vector<double>& h) {
-        std::fill(pe.begin(), pe.end(), 0.0);
-        std::fill(py.begin(), py.end(), 0.0);
+    // Residual and predicted-leak energy of a filter over the whole take.
+    const auto energies = [&](const std::vector<double>& h, double& pe, double& py) {
+        pe = py = 0.0;
         for (const Stretch& s : al.stretches) {
             predict(reader(s), h, s.start, s.end, big, [&](int64_t t, const float* y, size_t m) {
                 for (size_t k = 0; k < m; ++k) {
-                    const size_t i = static_cast<size_t>(t) + k;
-                    const double e = static_cast<double>(b[i]) - y[k];
-                    pe[i / kPowerBlock] += e * e;
-                    py[i / kPowerBlock] += static_cast<double>(y[k]) * y[k];
+                    const double e = static_cast<double>(b[static_cast<size_t>(t) + k]) - y[k];
+                    pe += e * e;
+                    py += static_cast<double>(y[k]) * y[k];
                 }
             });
         }
@@ -557,7 +556,7 @@ bool clean_take(const float* a, size_t na, std::vector<float>& b, int64_t lag, d
     // stands above the estimate's noise, and its residual where the player is.
     // A short take cannot support a long filter: at most a quarter of it.
     const size_t taps1 = std::min(max_taps(rate), std::max(static_cast<size_t>(pre) + 2048, (nb / 4 + 1023) / 1024 * 1024));
-    const Accumulator first = estimate(taps1, {});
+    const Accumulator first = estimate(taps1, false);
     if (first.autoc[0] < 1e-9 || first.take_frames < 1.0) return true;  // silent reference
     const double ref_energy = first.autoc[0];
     const std::vector<double> flat(taps1, 1.0);
@@ -588,20 +587,12 @@ bool clean_take(const float* a, size_t na, std::vector<float>& b, int64_t lag, d
     // its predicted leak. Every fourth run of kHoldRun frames is held out
     // of it (when the take has enough of them), so that the result can be
     // checked where it was not fitted.
-    block_powers(h1);
-    const double pe_total = std::accumulate(pe.begin(), pe.end(), 0.0);
-    const double py_total = std::accumulate(py.begin(), py.end(), 0.0);
+    double pe_total = 0.0, py_total = 0.0;
+    energies(h1, pe_total, py_total);
     if (!(py_total > 0.0)) return true;
-    std::vector<double> weights(pe.size(), 1.0);
-    const bool partial = nb >= 8 * kHoldRun;
-    double est_frames = static_cast<double>(nb);
-    if (partial) {
-        for (size_t i = 0; i < weights.size(); ++i) {
-            if ((i * kPowerBlock / kHoldRun) % 4 == 3) weights[i] = 0.0;
-        }
-        est_frames = 0.75 * static_cast<double>(nb);
-    }
-    const Accumulator acc = estimate(taps, weights);
+    const bool partial = holdout_possible;
+    const Accumulator acc = estimate(taps, partial);
+    const double est_frames = acc.take_frames;
     const double mu = (pe_total / static_cast<double>(nb)) * ref_energy * sd_sum / py_total;
     const std::vector<double> h = solve_leak_filter(acc.autoc, acc.cross, sd, mu, kIterations);
 
@@ -666,8 +657,7 @@ bool clean_take(const float* a, size_t na, std::vector<float>& b, int64_t lag, d
                         e0 += v * v;
                         e1 += w * w;
                     }
-                    const size_t blk = static_cast<size_t>(t + static_cast<int64_t>(c)) / kPowerBlock;
-                    if (partial && weights[std::min(blk, weights.size() - 1)] == 0.0) outside += e0 - e1;
+                    if (partial && held_out(t + static_cast<int64_t>(c))) outside += e0 - e1;
                     const bool ok = e1 < e0 * (1.0 - margin);
                     keep.push_back(ok ? 1 : 0);
                     if (ok) {
