@@ -357,18 +357,6 @@ std::vector<float> resample(const float* a, size_t na, double stretch, size_t co
     return out;
 }
 
-double robust_slope(const std::vector<DriftPoint>& points) {
-    if (points.size() < 3) return 0.0;
-    std::vector<double> slopes;
-    for (size_t i = 0; i < points.size(); ++i) {
-        for (size_t j = i + 1; j < points.size(); ++j) {
-            const double dx = points[j].position - points[i].position;
-            if (std::fabs(dx) > 1.0) slopes.push_back((points[j].residual - points[i].residual) / dx);
-        }
-    }
-    return median(std::move(slopes));
-}
-
 Alignment find_alignment(const float* a, size_t na, const float* b, size_t nb, int64_t lag,
                          const FftTable& big) {
     Alignment al;

@@ -2,12 +2,12 @@
 // room (a filter of up to 0.8 s on the reference) heard through one or more
 // alignments: the round trip may jump mid-take, and the take's clock may
 // drift. Segments along the take measure the delay (jumps and drift come
-// from them); the filter is estimated from accumulated correlations in three
-// passes (a plain fit, then fits weighted towards the passages where the
-// player is quiet, under a prior that the room's energy decays
-// exponentially), solved by conjugate gradients with a circulant operator;
-// the filtered reference is subtracted stretch by stretch, and a stretch
-// whose energy it does not lower is left as it was. NOTES.md has the maths.
+// from them); the filter is estimated from accumulated correlations in two
+// passes (a plain fit that shows how fast the room decays, then a fit under
+// a prior that the room's energy decays exponentially), solved by conjugate
+// gradients with a circulant operator; the filtered reference is subtracted
+// stretch by stretch, and only where it lowers the energy by more than
+// chance would. NOTES.md has the maths.
 //
 // Plain functions on caller-owned arrays; every buffer is local to the call.
 // They may throw std::bad_alloc (the exports catch it).
@@ -69,14 +69,6 @@ private:
 // a read at positions i / stretch, i < count: a 32-tap windowed sinc, for a
 // whole reference brought onto the take's clock once.
 std::vector<float> resample(const float* a, size_t na, double stretch, size_t count);
-
-struct DriftPoint {
-    double position;  // take frame at the middle of the segment
-    double residual;  // measured delay minus the given one, in frames
-};
-
-// Median of the pairwise slopes (upper median); 0 for fewer than 3 points.
-double robust_slope(const std::vector<DriftPoint>& points);
 
 // A stretch of the take heard through one alignment.
 struct Stretch {
