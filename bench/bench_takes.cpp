@@ -1,7 +1,9 @@
 // The take tools' costs: the 262144-point transform beside FFTW's
 // single-threaded one of the same size (a yardstick only; the library never
-// uses it), and ta_analyze / ta_clean on a three-minute 44100 Hz take, with
-// the peak memory each call adds.
+// uses it), ta_analyze / ta_clean on a three-minute 44100 Hz take, with
+// the peak memory each call adds, and leak removal on one-minute takes
+// built like real ones (take_scenes.hpp): the leak left and the musician's
+// gain for each condition, found and cleaned through the exports.
 //   <build>/bin/bench_takes --benchmark_counters_tabular=true
 #include <benchmark/benchmark.h>
 
@@ -20,6 +22,7 @@
 #endif
 
 #include "frame/wav_header.hpp"
+#include "take_scenes.hpp"
 #include "takes/fft.hpp"
 #include "woodshed/takes.h"
 
@@ -218,6 +221,87 @@ void clean_three_minutes(benchmark::State& state) {
     state.counters["reduction_dB"] = c.reduction_db;
 }
 BENCHMARK(clean_three_minutes)->Unit(benchmark::kSecond)->Iterations(2);
+
+// ---- one-minute takes built like real ones ----------------------------------
+
+struct Condition {
+    const char* name;
+    ws::bench::SceneSpec spec;
+};
+
+std::vector<Condition> conditions() {
+    using ws::bench::SceneSpec;
+    std::vector<Condition> c;
+    SceneSpec living;  // RT60 0.5 s, 0.7 s long, player 10 dB over the leak
+    c.push_back({"living_room", living});
+    SceneSpec alone = living;
+    alone.musician_db = -300.0;
+    c.push_back({"living_room_no_player", alone});
+    SceneSpec usual = living;
+    usual.rt60 = 0.25;
+    usual.room_seconds = 0.35;
+    for (double ppm : {0.0, 50.0, 100.0}) {
+        SceneSpec d = usual;
+        d.drift_ppm = ppm;
+        c.push_back({ppm == 0.0 ? "usual_room_0ppm" : ppm == 50.0 ? "usual_room_50ppm" : "usual_room_100ppm", d});
+    }
+    SceneSpec jump = usual;
+    jump.jumps = {{0.4, 1504}};
+    c.push_back({"usual_room_jump_1504", jump});
+    SceneSpec weak = usual;
+    weak.leak_rms = 0.25 * std::pow(10.0, -33.0 / 20.0);  // the player at -12 dBFS
+    weak.musician_db = 33.0;
+    c.push_back({"leak_33dB_under", weak});
+    return c;
+}
+
+// Figures: reduction_dB = 10 log10(E(true leak) / E(output - musician)) over
+// the whole take, gain_dB = the musician's least-squares gain in the output,
+// cpu_s_per_min = ta_clean's CPU time per minute of take.
+void clean_condition(benchmark::State& state) {
+    const Condition cond = conditions()[static_cast<size_t>(state.range(0))];
+    state.SetLabel(cond.name);
+    const auto scene = ws::bench::make_scene(cond.spec);
+    const auto dir = std::filesystem::temp_directory_path() / ("woodshed-bench-scene-" + std::to_string(std::random_device{}()));
+    std::filesystem::create_directories(dir);
+    const std::string backing = (dir / "backing.wav").string(), take = (dir / "take.wav").string();
+    const auto rate = static_cast<uint32_t>(cond.spec.rate);
+    ws::bench::write_wav16(backing, scene.backing, rate);
+    TakeAnalysis a{};
+    TakeCleaning c{};
+    double peak = 0.0;
+    ws::bench::Outcome o{};
+    for (auto _ : state) {
+        state.PauseTiming();
+        ws::bench::write_wav16(take, scene.take, rate);
+        if (ta_analyze(backing.c_str(), take.c_str(), 0, 0, 500, &a) != ws_ok) {
+            state.SkipWithError("analysis failed");
+            break;
+        }
+        PeakMemory m;
+        m.start();
+        state.ResumeTiming();
+        const int32_t rc = ta_clean(backing.c_str(), take.c_str(), 0, a.delay_frames, &c);
+        state.PauseTiming();
+        peak = std::max(peak, m.added_mb());
+        if (rc != ws_ok) {
+            state.SkipWithError("cleaning failed");
+            break;
+        }
+        o = ws::bench::judge(scene, ws::bench::read_wav16(take));
+        state.ResumeTiming();
+    }
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
+    state.counters["reduction_dB"] = o.reduction_db;
+    state.counters["gain_dB"] = o.gain_db;
+    state.counters["reported_dB"] = c.reduction_db;
+    state.counters["delay"] = static_cast<double>(a.delay_frames);
+    state.counters["cpu_s_per_min"] = benchmark::Counter(cond.spec.seconds / 60.0, benchmark::Counter::kIsIterationInvariantRate |
+                                                                                       benchmark::Counter::kInvert);
+    state.counters["mem_ratio"] = peak / (2.0 * static_cast<double>(scene.take.size()) * sizeof(float) / (1024.0 * 1024.0));
+}
+BENCHMARK(clean_condition)->DenseRange(0, 6)->Iterations(1)->Unit(benchmark::kSecond);
 
 }  // namespace
 

@@ -42,8 +42,13 @@ int run_clean(std::span<const std::string> args) {
 
     TakeCleaning c{};
     takes::check(ta_clean(backing.c_str(), take.c_str(), from_ms, delay, &c), backing, take);
-    std::printf("cleaned %s: %.1f dB removed (delay %lld frames)\n", take.c_str(), c.reduction_db,
-                static_cast<long long>(c.delay_frames));
+    if (c.cleaned == 1) {
+        std::printf("cleaned %s: %.1f dB removed (delay %lld frames)\n", take.c_str(), c.reduction_db,
+                    static_cast<long long>(c.delay_frames));
+    } else {
+        std::printf("left %s as it was: subtracting the backing would not make it quieter (delay %lld frames)\n",
+                    take.c_str(), static_cast<long long>(c.delay_frames));
+    }
     takes::print_elapsed(start);
     return kExitOk;
 }

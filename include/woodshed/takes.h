@@ -67,14 +67,16 @@ WS_API int32_t ta_analyze(const char* reference_path, const char* take_path,
                           int32_t reference_offset_ms, int32_t min_delay_ms,
                           int32_t max_delay_ms, TakeAnalysis* out);
 
-/* Result of ta_clean (32 bytes). All zero unless the call succeeded. */
+/* Result of ta_clean (32 bytes). All zero unless the call succeeded; on
+ * success delay_frames and sample_rate are always filled in. */
 typedef struct TakeCleaning {
     uint64_t reserved;     /* zero */
     double reduction_db;   /* energy removed from the take: 10 log10(before / after) over the
-                              stretches where the reference sounds; 0 when nothing was removed */
-    int64_t delay_frames;  /* the delay passed in, unchanged */
+                              stretches changed; 0 when nothing was removed */
+    int64_t delay_frames;  /* the round trip found in the take's first stretch (the search
+                              starts at the delay passed in) */
     uint32_t sample_rate;  /* common sample rate of the two files, Hz */
-    uint32_t cleaned;      /* 1 on success */
+    uint32_t cleaned;      /* 1 if the take was rewritten, 0 if nothing helped (file untouched) */
 } TakeCleaning;
 
 WS_STATIC_ASSERT(sizeof(TakeCleaning) == 32, "TakeCleaning is 32 bytes");
@@ -88,9 +90,12 @@ WS_STATIC_ASSERT(offsetof(TakeCleaning, cleaned) == 28, "TakeCleaning.cleaned");
  *   reference_path       the backing track's WAV file (UTF-8), never written
  *   take_path            the take's WAV file (UTF-8), replaced on success
  *   reference_offset_ms  as for ta_analyze
- *   delay_frames         the delay ta_analyze found (its delay_frames). The
- *                        leak is modelled from 256 frames before it to 1791
- *                        after; a leak outside that span stays in the take.
+ *   delay_frames         the delay ta_analyze found (its delay_frames): where
+ *                        the search for the round trip starts. The round trip
+ *                        is measured along the take within 16384 frames of it;
+ *                        it may jump (any number of times), and each stretch
+ *                        is cleaned with its own alignment. The room is
+ *                        modelled from 46 ms before the delay to 0.8 s after.
  *   out                  the result; cleared first (unless null)
  * The take is rewritten as mono 16-bit PCM at its rate (a stereo take
  * becomes the mean of its channels). A clock drift of up to 400 ppm between
@@ -98,8 +103,10 @@ WS_STATIC_ASSERT(offsetof(TakeCleaning, cleaned) == 28, "TakeCleaning.cleaned");
  * The new take goes to take_path + ".tawtmp" first and then replaces the old
  * one, which is kept as take_path + ".tawbak" until the new one is in place:
  * at every moment the take is on disk, old or new.
- * Returns 0 on success, also for a silent reference (the take is rewritten
- * with its content unchanged and reduction_db 0); -3 (ws_invalid_argument)
+ * Subtraction is kept only where it lowers the take's energy; when it helps
+ * nowhere (a silent reference, a take without leak) the call returns 0 with
+ * cleaned 0 and reduction_db 0, and the take file is not rewritten.
+ * Returns 0 on success; -3 (ws_invalid_argument)
  * if out is null (nothing written), a path is null, the take is shorter
  * than 8192 frames or the reference is empty after the offset; -14
  * (ws_unsupported_format) if a file cannot be read or is not a supported

@@ -42,6 +42,38 @@ int64_t div_trunc(int64_t a, int64_t b) { return a / b; }  // C++ truncates towa
 
 }  // namespace
 
+Peak find_peak(const std::complex<float>* r, size_t n, int64_t lo, int64_t hi, int64_t guard,
+               int64_t min_background) {
+    auto at = [&](int64_t d) -> double {
+        return r[static_cast<size_t>(d >= 0 ? d : static_cast<int64_t>(n) + d)].real();
+    };
+    Peak p;
+    double best = -1e30;
+    p.lag = lo;
+    for (int64_t d = lo; d <= hi; ++d) {
+        if (at(d) > best) {
+            best = at(d);
+            p.lag = d;
+        }
+    }
+    double sum = 0.0, sumsq = 0.0;
+    int64_t count = 0;
+    for (int64_t d = lo; d <= hi; ++d) {
+        if (std::llabs(d - p.lag) <= guard) continue;
+        const double v = at(d);
+        sum += v;
+        sumsq += v * v;
+        ++count;
+    }
+    if (count < min_background) return p;
+    const double mean = sum / static_cast<double>(count);
+    const double variance = std::max(sumsq / static_cast<double>(count) - mean * mean, 1e-20);
+    p.found = true;
+    p.value = best;
+    p.score = (best - mean) / std::sqrt(variance);
+    return p;
+}
+
 DelayEstimate find_delay(const float* a, size_t na, const float* b, size_t nb, int64_t rate,
                          int64_t min_delay, int64_t max_delay) {
     const DelayEstimate none;
@@ -74,36 +106,14 @@ DelayEstimate find_delay(const float* a, size_t na, const float* b, size_t nb, i
     phase_transform_product(x.data(), y.data(), n);
     fft_in_place(x.data(), n, true);
     std::vector<std::complex<float>>().swap(y);  // not needed any more
-    auto r = [&](int64_t d) -> double {
-        return x[static_cast<size_t>(d >= 0 ? d : static_cast<int64_t>(n) + d)].real();
-    };
-
     lo = std::max<int64_t>(lo, 1 - static_cast<int64_t>(n / 2));
     hi = std::min<int64_t>(hi, static_cast<int64_t>(rb.size()) - 1);
     if (hi < lo) return none;
-    double best = -1e30;
-    int64_t peak = lo;
-    for (int64_t d = lo; d <= hi; ++d) {
-        if (r(d) > best) {
-            best = r(d);
-            peak = d;
-        }
-    }
     // Background: everything outside 5 ms around the peak.
-    const int64_t guard = 5 * reduced / 1000;
-    double sum = 0.0, sumsq = 0.0;
-    int64_t count = 0;
-    for (int64_t d = lo; d <= hi; ++d) {
-        if (std::llabs(d - peak) <= guard) continue;
-        const double v = r(d);
-        sum += v;
-        sumsq += v * v;
-        ++count;
-    }
-    if (count < 32) return none;
-    const double mean = sum / static_cast<double>(count);
-    const double variance = std::max(sumsq / static_cast<double>(count) - mean * mean, 1e-20);
-    const double score = (best - mean) / std::sqrt(variance);
+    const Peak coarse = find_peak(x.data(), n, lo, hi, 5 * reduced / 1000, 32);
+    if (!coarse.found) return none;
+    const int64_t peak = coarse.lag;
+    const double score = coarse.score;
 
     // Fine stage: +-8 reduced frames around the coarse peak at the full rate,
     // over the first four seconds of the reference. Normalised by the

@@ -20,7 +20,22 @@ struct DelayEstimate {
     double score = 0.0;        // peak over background, in standard deviations
 };
 
+// A correlation peak counts as clear when it stands this many standard
+// deviations above the background (the lags away from it).
 inline constexpr double kValidScore = 8.0;
+
+struct Peak {
+    bool found = false;  // enough background to judge
+    int64_t lag = 0;     // first of the highest values
+    double value = 0.0;
+    double score = 0.0;  // (value - background mean) / background deviation
+};
+
+// The highest real part of r over lags lo .. hi (a negative lag d reads
+// r[n + d]) and its score against the lags more than `guard` away; not
+// found when fewer than `min_background` lags are left for the background.
+Peak find_peak(const std::complex<float>* r, size_t n, int64_t lo, int64_t hi, int64_t guard,
+               int64_t min_background);
 
 // Means of `factor` consecutive samples (summed in float); the incomplete
 // last block is dropped.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <numeric>
 
 #include "takes/analysis.hpp"
 
@@ -14,13 +15,24 @@ using cfloat = std::complex<float>;
 using cdouble = std::complex<double>;
 
 constexpr size_t kBigFft = 262144;
-constexpr size_t kBlock = 131072;  // take frames per correlation block and drift segment
-constexpr size_t kDriftRefFrames = kBlock + 4096;
-constexpr int64_t kDriftSearch = 4096;
-constexpr size_t kMaxSegments = 8;
-constexpr size_t kSmallFft = 8192;
-constexpr size_t kHop = kSmallFft - kTaps;  // overlap-save output per block
-constexpr int kMaxIterations = 96;
+constexpr int64_t kSearch = kJumpSearch;
+constexpr size_t kCurve = 2 * static_cast<size_t>(kSearch) + 1;  // lags -2S .. 0
+constexpr size_t kCheckChunk = 16384;  // take frames per never-worse decision
+constexpr double kPriorDecayDb = 80.0; // the prior ends this far down
+constexpr double kDefaultRt60 = 0.3;
+constexpr size_t kHoldRun = 65536;     // take frames per held-out run
+constexpr int kIterations = 200;       // conjugate-gradient steps per solve
+
+size_t next_pow2(size_t n) {
+    size_t p = 1;
+    while (p < n) p *= 2;
+    return p;
+}
+
+void fill_real(cfloat* dst, const float* src, size_t count, size_t n) {
+    for (size_t i = 0; i < count; ++i) dst[i] = {src[i], 0.0f};
+    std::fill(dst + count, dst + n, cfloat(0.0f, 0.0f));
+}
 
 // x[i] = x[i] * conj(y[i]), plainly.
 void multiply_conj(cfloat* x, const cfloat* y, size_t n) {
@@ -31,49 +43,258 @@ void multiply_conj(cfloat* x, const cfloat* y, size_t n) {
     }
 }
 
-void fill_real(cfloat* dst, const float* src, size_t count, size_t n) {
-    for (size_t i = 0; i < count; ++i) dst[i] = {src[i], 0.0f};
-    std::fill(dst + count, dst + n, cfloat(0.0f, 0.0f));
+double median(std::vector<double> v) {
+    if (v.empty()) return 0.0;
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
 }
 
-// One segment's residual delay, or false when its correlation peak is not
-// clear enough to trust.
-bool segment_residual(const std::vector<cfloat>& r, double& residual) {
-    const size_t n = r.size();
-    auto at = [&](int64_t d) -> double {
-        return r[static_cast<size_t>(d >= 0 ? d : static_cast<int64_t>(n) + d)].real();
-    };
-    double best = -1e30;
-    int64_t peak = -kDriftSearch;
-    for (int64_t d = -kDriftSearch; d <= 0; ++d) {
-        if (at(d) > best) {
-            best = at(d);
-            peak = d;
+// One segment's phase-transform correlation with the reference around the
+// given delay: the curve over lags -2S .. 0 (residual delay = lag + S).
+struct Segment {
+    int64_t start = 0;
+    bool valid = false;
+    double residual = 0.0;  // frames, refined by a parabola through the peak
+    double best = 0.0;
+    std::vector<float> curve;
+    bool present(double residual_at) const {
+        const auto c = static_cast<int64_t>(std::llround(residual_at)) + kSearch;
+        float v = -1e30f;
+        for (int64_t i = std::max<int64_t>(c - 2, 0); i <= std::min<int64_t>(c + 2, kCurve - 1); ++i) {
+            v = std::max(v, curve[static_cast<size_t>(i)]);
+        }
+        return v >= 0.3 * best;
+    }
+};
+
+// Segments of kSegment frames, one after another along the take; the
+// reference is read at take position t * scale - lag (through the
+// resampler when `resample`).
+std::vector<Segment> measure_segments(const float* a, size_t na, const float* b, size_t nb,
+                                      int64_t lag, double scale, bool resample,
+                                      const FftTable& big) {
+    std::vector<Segment> segs(nb / kSegment);
+    if (segs.size() < 2) return {};
+    const size_t ref_len = kSegment + 2 * static_cast<size_t>(kSearch);
+    std::vector<cfloat> t(kBigFft), r(kBigFft);
+    for (size_t k = 0; k < segs.size(); ++k) {
+        Segment& sg = segs[k];
+        sg.start = static_cast<int64_t>(k * kSegment);
+        fill_real(t.data(), b + sg.start, kSegment, kBigFft);
+        for (size_t u = 0; u < ref_len; ++u) {
+            const int64_t take_pos = sg.start + static_cast<int64_t>(u) - kSearch;
+            float v;
+            if (resample) {
+                v = catmull_rom(a, na, static_cast<double>(take_pos) * scale - static_cast<double>(lag));
+            } else {
+                const int64_t q = take_pos - lag;
+                v = q >= 0 && static_cast<uint64_t>(q) < na ? a[q] : 0.0f;
+            }
+            r[u] = {v, 0.0f};
+        }
+        std::fill(r.begin() + static_cast<int64_t>(ref_len), r.end(), cfloat(0.0f, 0.0f));
+        big.transform(t.data(), false);
+        big.transform(r.data(), false);
+        phase_transform_product(t.data(), r.data(), kBigFft);
+        big.transform(t.data(), true);
+        sg.curve.resize(kCurve);
+        for (size_t i = 0; i < kCurve; ++i) sg.curve[i] = t[(kBigFft - 2 * kSearch + i) % kBigFft].real();
+        const Peak p = find_peak(t.data(), kBigFft, -2 * kSearch, 0, 64, 64);
+        if (!p.found || p.score < kValidScore || p.lag <= -2 * kSearch || p.lag >= 0) continue;
+        const double ym = t[static_cast<size_t>(static_cast<int64_t>(kBigFft) + p.lag - 1)].real();
+        const double yp = t[static_cast<size_t>(static_cast<int64_t>(kBigFft) + p.lag + 1)].real();
+        const double den = ym - 2.0 * p.value + yp;
+        const double delta = den == 0.0 ? 0.0 : std::clamp(0.5 * (ym - yp) / den, -0.5, 0.5);
+        sg.valid = true;
+        sg.best = p.value;
+        sg.residual = static_cast<double>(p.lag + kSearch) + delta;
+    }
+    return segs;
+}
+
+// Valid segment indices, grouped by stretch: a new group starts where the
+// delay steps by more than drift explains and the arrival seen on either
+// side is missing on the other.
+std::vector<std::vector<size_t>> group_segments(const std::vector<Segment>& segs) {
+    std::vector<size_t> valid;
+    for (size_t i = 0; i < segs.size(); ++i) {
+        if (segs[i].valid) valid.push_back(i);
+    }
+    std::vector<std::vector<size_t>> groups;
+    if (valid.empty()) return groups;
+    std::vector<double> steps;
+    for (size_t k = 1; k < valid.size(); ++k) {
+        const Segment &p = segs[valid[k - 1]], &q = segs[valid[k]];
+        steps.push_back((q.residual - p.residual) / static_cast<double>(q.start - p.start));
+    }
+    const double slope = median(steps);
+    groups.push_back({valid[0]});
+    for (size_t k = 1; k < valid.size(); ++k) {
+        const Segment &p = segs[valid[k - 1]], &q = segs[valid[k]];
+        const double expected = slope * static_cast<double>(q.start - p.start);
+        const double step = q.residual - p.residual - expected;
+        const bool same_room = q.present(p.residual + expected) && p.present(q.residual - expected);
+        // Before a drift is corrected its smear makes single steps uneven.
+        if (std::fabs(step) > 3.0 + std::fabs(expected) && !same_room) groups.emplace_back();
+        groups.back().push_back(valid[k]);
+    }
+    return groups;
+}
+
+// Median of the pairwise slopes of residual against position, pairs taken
+// within a group only (a jump is not a drift).
+double slope_within(const std::vector<Segment>& segs, const std::vector<std::vector<size_t>>& groups) {
+    std::vector<double> slopes;
+    size_t points = 0;
+    for (const auto& g : groups) {
+        std::vector<size_t> v;
+        for (size_t i : g) {
+            if (segs[i].valid) v.push_back(i);
+        }
+        points += v.size();
+        for (size_t x = 0; x < v.size(); ++x) {
+            for (size_t y = x + 1; y < v.size(); ++y) {
+                slopes.push_back((segs[v[y]].residual - segs[v[x]].residual) /
+                                 static_cast<double>(segs[v[y]].start - segs[v[x]].start));
+            }
         }
     }
-    if (peak < -(kDriftSearch - 1) || peak > -1) return false;
-    double sum = 0.0, sumsq = 0.0;
-    int64_t count = 0;
-    for (int64_t d = -kDriftSearch; d <= 0; ++d) {
-        if (std::llabs(d - peak) <= 64) continue;
-        const double v = at(d);
-        sum += v;
-        sumsq += v * v;
-        ++count;
+    return points < 3 ? 0.0 : median(slopes);
+}
+
+// Sum of a group's curves; the lag of its maximum (as a residual).
+std::vector<double> group_curve(const std::vector<Segment>& segs, const std::vector<size_t>& g) {
+    std::vector<double> c(kCurve, 0.0);
+    for (size_t i : g) {
+        if (segs[i].curve.empty()) continue;
+        for (size_t k = 0; k < kCurve; ++k) c[k] += segs[i].curve[k];
     }
-    if (count < 64) return false;
-    const double mean = sum / static_cast<double>(count);
-    const double variance = std::max(sumsq / static_cast<double>(count) - mean * mean, 1e-20);
-    if ((best - mean) / std::sqrt(variance) < 8.0) return false;
-    // Parabola through the peak and its neighbours.
-    const double ym = at(peak - 1), y0 = at(peak), yp = at(peak + 1);
-    const double den = ym - 2.0 * y0 + yp;
-    const double delta = den == 0.0 ? 0.0 : std::clamp(0.5 * (ym - yp) / den, -0.5, 0.5);
-    residual = static_cast<double>(peak + 2048) + delta;
-    return true;
+    return c;
+}
+
+int64_t argmax(const std::vector<double>& c) {
+    return static_cast<int64_t>(std::max_element(c.begin(), c.end()) - c.begin());
+}
+
+// The shift s maximising sum_d x[d] y[d + s] (|s| < kCurve).
+int64_t best_shift(const std::vector<double>& x, const std::vector<double>& y) {
+    const size_t n = next_pow2(2 * kCurve);
+    const FftTable table(n);
+    std::vector<cdouble> fx(n), fy(n);
+    for (size_t i = 0; i < kCurve; ++i) {
+        fx[i] = {x[i], 0.0};
+        fy[i] = {y[i], 0.0};
+    }
+    table.transform(fx.data(), false);
+    table.transform(fy.data(), false);
+    for (size_t i = 0; i < n; ++i) fy[i] *= std::conj(fx[i]);
+    table.transform(fy.data(), true);
+    int64_t best = 0;
+    double value = -1e300;
+    for (int64_t s = -static_cast<int64_t>(kCurve) + 1; s < static_cast<int64_t>(kCurve); ++s) {
+        const double v = fy[static_cast<size_t>(s >= 0 ? s : static_cast<int64_t>(n) + s)].real();
+        if (v > value) {
+            value = v;
+            best = s;
+        }
+    }
+    return best;
+}
+
+// ---- estimation -------------------------------------------------------------------
+
+struct Accumulator {
+    std::vector<double> cross, autoc;
+    double take_frames = 0.0;
+};
+
+// cross[k] += sum_u ref(u) b(u + base + k), autoc[k] += sum_u ref(u)
+// ref(u + k), over the reference frames u whose take frames u + base lie in
+// t0 .. t1 (the take side runs `taps` further).
+void accumulate(const ReferenceReader& ref, const float* b, size_t nb, int64_t t0, int64_t t1,
+                const FftTable& big, Accumulator& acc) {
+    const size_t taps = acc.cross.size();
+    const size_t len_max = kBigFft - taps;
+    std::vector<cfloat> r1(kBigFft), x(kBigFft);
+    std::vector<float> refs(kBigFft);
+    for (int64_t s = t0; s < t1; s += static_cast<int64_t>(len_max)) {
+        const size_t len = std::min<size_t>(len_max, static_cast<size_t>(t1 - s));
+        const size_t take_len = std::min<size_t>(len + taps, nb - static_cast<size_t>(s));
+        ref.read(s - ref.base(), len + taps, refs.data());
+        fill_real(r1.data(), refs.data(), len, kBigFft);
+        big.transform(r1.data(), false);
+
+        fill_real(x.data(), b + s, take_len, kBigFft);
+        big.transform(x.data(), false);
+        multiply_conj(x.data(), r1.data(), kBigFft);
+        big.transform(x.data(), true);
+        for (size_t k = 0; k < taps; ++k) acc.cross[k] += x[k].real();
+
+        fill_real(x.data(), refs.data(), len + taps, kBigFft);
+        big.transform(x.data(), false);
+        multiply_conj(x.data(), r1.data(), kBigFft);
+        big.transform(x.data(), true);
+        for (size_t k = 0; k < taps; ++k) acc.autoc[k] += x[k].real();
+        acc.take_frames += static_cast<double>(len);
+    }
+}
+
+// y[t] = sum_k h[k] ref(t - base - k) for t in t0 .. t1, handed out block by
+// block to fn(first frame, y, count): overlap-save with the big transform.
+template <class Fn>
+void predict(const ReferenceReader& ref, const std::vector<double>& h, int64_t t0, int64_t t1,
+             const FftTable& big, Fn&& fn) {
+    const size_t taps = h.size();
+    const size_t hop = kBigFft - taps;
+    std::vector<cfloat> hf(kBigFft, cfloat(0.0f, 0.0f)), x(kBigFft);
+    for (size_t k = 0; k < taps; ++k) hf[k] = {static_cast<float>(h[k]), 0.0f};
+    big.transform(hf.data(), false);
+    std::vector<float> refs(kBigFft), y(hop);
+    for (int64_t s = t0; s < t1; s += static_cast<int64_t>(hop)) {
+        const size_t m = std::min<size_t>(hop, static_cast<size_t>(t1 - s));
+        // The first `taps` outputs wrap around and are dropped.
+        ref.read(s - static_cast<int64_t>(taps) - ref.base(), kBigFft, refs.data());
+        fill_real(x.data(), refs.data(), kBigFft, kBigFft);
+        big.transform(x.data(), false);
+        for (size_t i = 0; i < kBigFft; ++i) x[i] *= hf[i];
+        big.transform(x.data(), true);
+        for (size_t k = 0; k < m; ++k) y[k] = x[taps + k].real();
+        fn(s, y.data(), m);
+    }
+}
+
+// Decay of |h|^2 after its peak, from the windows that stand above the
+// estimate's own noise floor (the median of the last quarter): RT60 in
+// seconds, or the default when too little stands out.
+double fit_rt60(const std::vector<double>& h, size_t peak, double rate) {
+    constexpr size_t kWindow = 1024;
+    const size_t windows = h.size() / kWindow;
+    if (windows < 8) return kDefaultRt60;
+    std::vector<double> e(windows, 0.0);
+    for (size_t k = 0; k < windows * kWindow; ++k) e[k / kWindow] += h[k] * h[k];
+    const double floor = median(std::vector<double>(e.end() - static_cast<int64_t>(windows / 4), e.end()));
+    double sx = 0, sy = 0, sxx = 0, sxy = 0;
+    int n = 0;
+    for (size_t w = peak / kWindow + 1; w < windows && e[w] > 4.0 * floor && e[w] > 0.0; ++w) {
+        const double x = static_cast<double>(w * kWindow + kWindow / 2) / rate;
+        const double y = 10.0 * std::log10(e[w]);
+        sx += x, sy += y, sxx += x * x, sxy += x * y;
+        ++n;
+    }
+    if (n < 2) return kDefaultRt60;
+    const double slope = (n * sxy - sx * sy) / (n * sxx - sx * sx);  // dB per second
+    if (!(slope < 0.0)) return kDefaultRt60;
+    return std::clamp(-60.0 / slope, 0.05, 1.5);
 }
 
 }  // namespace
+
+int64_t taps_before_delay(double rate) { return static_cast<int64_t>(std::lround(2048.0 * rate / 44100.0)); }
+
+size_t max_taps(double rate) {
+    const auto taps = static_cast<size_t>(taps_before_delay(rate)) + static_cast<size_t>(std::ceil(0.8 * rate));
+    return (taps + 1023) / 1024 * 1024;
+}
 
 float catmull_rom(const float* a, size_t n, double x) {
     const double fi = std::floor(x);
@@ -95,6 +316,7 @@ void ReferenceReader::read(int64_t first, size_t count, float* out) const {
         for (size_t j = 0; j < count; ++j) out[j] = at(first + static_cast<int64_t>(j));
         return;
     }
+    first -= shift_;
     // Zeros before and after the reference, one copy for the part inside.
     const int64_t c = static_cast<int64_t>(count);
     const int64_t j0 = std::clamp<int64_t>(-first, 0, c);
@@ -104,193 +326,342 @@ void ReferenceReader::read(int64_t first, size_t count, float* out) const {
     std::fill(out + j1, out + count, 0.0f);
 }
 
-std::vector<DriftPoint> drift_points(const float* a, size_t na, const float* b, size_t nb,
-                                     int64_t lag, double ratio, const FftTable& big) {
-    std::vector<DriftPoint> points;
-    if (nb < kMinDriftFrames) return points;
-    const size_t segments = std::min(nb / kBlock, kMaxSegments);
-    const size_t step = (nb - kBlock) / (segments - 1);
-    std::vector<cfloat> t(kBigFft), r(kBigFft);
-    for (size_t k = 0; k < segments; ++k) {
-        const size_t p = k * step;
-        fill_real(t.data(), b + p, kBlock, kBigFft);
-        const int64_t first = static_cast<int64_t>(p) - lag - 2048;
-        for (size_t u = 0; u < kDriftRefFrames; ++u) {
-            const int64_t q = first + static_cast<int64_t>(u);
-            float v;
-            if (ratio == 0.0) {
-                v = q >= 0 && static_cast<uint64_t>(q) < na ? a[q] : 0.0f;
-            } else {
-                v = catmull_rom(a, na, static_cast<double>(q) * ratio);
+std::vector<float> resample(const float* a, size_t na, double stretch, size_t count) {
+    constexpr int kHalf = 16;
+    constexpr int kPhases = 1024;
+    constexpr double kPi = 3.14159265358979323846;
+    // Blackman-windowed sinc, kPhases fractional offsets of 2 kHalf taps.
+    std::vector<float> table(static_cast<size_t>(kPhases + 1) * 2 * kHalf);
+    for (int f = 0; f <= kPhases; ++f) {
+        for (int j = 0; j < 2 * kHalf; ++j) {
+            const double u = static_cast<double>(j - kHalf + 1) - static_cast<double>(f) / kPhases;
+            const double w = 0.42 + 0.5 * std::cos(kPi * u / kHalf) + 0.08 * std::cos(2.0 * kPi * u / kHalf);
+            table[static_cast<size_t>(f * 2 * kHalf + j)] =
+                static_cast<float>(std::fabs(u) >= kHalf ? 0.0 : u == 0.0 ? 1.0 : w * std::sin(kPi * u) / (kPi * u));
+        }
+    }
+    std::vector<float> out(count, 0.0f);
+    for (size_t i = 0; i < count; ++i) {
+        const double x = static_cast<double>(i) / stretch;
+        const double fl = std::floor(x);
+        const auto i0 = static_cast<int64_t>(fl);
+        const auto f = static_cast<size_t>(std::lround((x - fl) * kPhases));
+        const float* taps = table.data() + f * 2 * kHalf;
+        double v = 0.0;
+        for (int j = 0; j < 2 * kHalf; ++j) {
+            const int64_t k = i0 + j - kHalf + 1;
+            if (k >= 0 && static_cast<uint64_t>(k) < na) v += static_cast<double>(a[k]) * taps[j];
+        }
+        out[i] = static_cast<float>(v);
+    }
+    return out;
+}
+
+Alignment find_alignment(const float* a, size_t na, const float* b, size_t nb, int64_t lag,
+                         const FftTable& big) {
+    Alignment al;
+    const auto whole = [&](int64_t delay) {
+        al.stretches.assign(1, Stretch{0, static_cast<int64_t>(nb), delay, false});
+        return al;
+    };
+    std::vector<Segment> segs = measure_segments(a, na, b, nb, lag, 1.0, false, big);
+    auto groups = group_segments(segs);
+    if (groups.empty()) return whole(lag);
+
+    // Drift within the stretches: below 4 ppm it would not matter, above
+    // 400 ppm the recordings are not what this tool is for. A second look
+    // through the corrected reference catches what the first slope missed.
+    if (nb >= kMinDriftFrames) {
+        const double d1 = slope_within(segs, groups);
+        if (std::fabs(d1) >= 4e-6 && std::fabs(d1) <= 4e-4) {
+            // A remainder larger than half the first estimate (and over
+            // 20 ppm) means the first one was wrong: it is kept as it was.
+            double drift = d1;
+            std::vector<Segment> last;
+            for (int look = 0; look < 2; ++look) {
+                auto again = measure_segments(a, na, b, nb, lag, 1.0 / (1.0 + drift), true, big);
+                const double d2 = slope_within(again, groups);
+                if (std::fabs(d2) > std::max(2e-5, 0.5 * std::fabs(drift))) break;
+                drift += d2;
+                last = std::move(again);
+                if (std::fabs(d2) < 2e-6) break;
             }
-            r[u] = {v, 0.0f};
-        }
-        std::fill(r.begin() + kDriftRefFrames, r.end(), cfloat(0.0f, 0.0f));
-        big.transform(t.data(), false);
-        big.transform(r.data(), false);
-        phase_transform_product(t.data(), r.data(), kBigFft);
-        big.transform(t.data(), true);
-        double residual = 0.0;
-        if (segment_residual(t, residual)) {
-            points.push_back({static_cast<double>(p + kBlock / 2), residual});
+            if (std::fabs(drift) <= 4e-4) {
+                al.drift = drift;
+                if (!last.empty()) {
+                    segs = std::move(last);
+                    groups = group_segments(segs);
+                    if (groups.empty()) return whole(lag);
+                }
+            }
         }
     }
-    return points;
-}
 
-double robust_slope(const std::vector<DriftPoint>& points) {
-    if (points.size() < 3) return 0.0;
-    std::vector<double> slopes;
-    for (size_t i = 0; i < points.size(); ++i) {
-        for (size_t j = i + 1; j < points.size(); ++j) {
-            const double dx = points[j].position - points[i].position;
-            if (std::fabs(dx) > 1.0) slopes.push_back((points[j].residual - points[i].residual) / dx);
+    // Each stretch's delay: the first from its summed curve, the others by
+    // how far the whole pattern of arrivals moved from the stretch before.
+    std::vector<double> prev = group_curve(segs, groups[0]);
+    int64_t residual = argmax(prev) - kSearch;
+    for (size_t g = 0; g < groups.size(); ++g) {
+        std::vector<double> cur = g == 0 ? prev : group_curve(segs, groups[g]);
+        if (g > 0) {
+            residual += best_shift(prev, cur);
+            const int64_t z0 = segs[groups[g - 1].back()].start;
+            const int64_t z1 = segs[groups[g].front()].start + static_cast<int64_t>(kSegment);
+            al.zone_start.push_back(z0);
+            al.zone_end.push_back(z1);
+            al.stretches.back().end = (z0 + z1) / 2;
         }
+        al.stretches.push_back(Stretch{g == 0 ? 0 : al.stretches.back().end, static_cast<int64_t>(nb),
+                                       lag + residual, false});
+        prev = std::move(cur);
     }
-    if (slopes.empty()) return 0.0;
-    std::sort(slopes.begin(), slopes.end());
-    return slopes[slopes.size() / 2];
+    return al;
 }
 
-double estimate_drift(const float* a, size_t na, const float* b, size_t nb, int64_t lag,
-                      const FftTable& big) {
-    // Below 4 ppm the correction would not matter; above 400 ppm the
-    // recordings are not what this tool is for and the estimate is suspect.
-    const double d1 = robust_slope(drift_points(a, na, b, nb, lag, 0.0, big));
-    if (std::fabs(d1) < 4e-6 || std::fabs(d1) > 4e-4) return 0.0;
-    // A second look through the corrected reference catches what the first
-    // slope missed; a large remainder means the first one was wrong.
-    double d2 = robust_slope(drift_points(a, na, b, nb, lag, 1.0 / (1.0 + d1), big));
-    if (std::fabs(d2) > 2e-5) d2 = 0.0;
-    const double drift = d1 + d2;
-    return std::fabs(drift) > 4e-4 ? 0.0 : drift;
-}
-
-void accumulate_correlations(const ReferenceReader& ref, const float* b, size_t nb,
-                             const FftTable& big, double* cross, double* autoc) {
-    std::vector<cfloat> r1(kBigFft), x(kBigFft);
-    std::vector<float> refs(kBlock + kTaps);
-    for (size_t s = 0; s < nb; s += kBlock) {
-        const size_t len = std::min(kBlock, nb - s);
-        const size_t len2 = std::min(len + kTaps, nb - s);
-        ref.read(static_cast<int64_t>(s) - ref.base(), len2, refs.data());
-        fill_real(r1.data(), refs.data(), len, kBigFft);
-        big.transform(r1.data(), false);
-
-        fill_real(x.data(), b + s, len2, kBigFft);
-        big.transform(x.data(), false);
-        multiply_conj(x.data(), r1.data(), kBigFft);
-        big.transform(x.data(), true);
-        for (size_t k = 0; k < kTaps; ++k) cross[k] += x[k].real();
-
-        fill_real(x.data(), refs.data(), len2, kBigFft);
-        big.transform(x.data(), false);
-        multiply_conj(x.data(), r1.data(), kBigFft);
-        big.transform(x.data(), true);
-        for (size_t k = 0; k < kTaps; ++k) autoc[k] += x[k].real();
-    }
-}
-
-std::vector<double> solve_leak_filter(const double* autoc, const double* cross) {
-    std::vector<double> h(kTaps, 0.0);
-    const double lambda = 2e-5 * autoc[0];
-    // Toeplitz(autoc) v is the first kTaps entries of a circular convolution
-    // of the zero-padded v with autoc laid out symmetrically: no 2048 x 2048
-    // matrix is ever formed.
-    const FftTable table(kSmallFft);
-    std::vector<cdouble> c(kSmallFft, cdouble(0.0, 0.0)), work(kSmallFft);
-    for (size_t k = 0; k < kTaps; ++k) c[k] = {autoc[k], 0.0};
-    for (size_t k = 1; k < kTaps; ++k) c[kSmallFft - k] = {autoc[k], 0.0};
+std::vector<double> solve_leak_filter(const std::vector<double>& autoc,
+                                      const std::vector<double>& cross,
+                                      const std::vector<double>& prior_sd, double mu,
+                                      int iterations) {
+    const size_t taps = autoc.size();
+    std::vector<double> g(taps, 0.0);
+    // Toeplitz(autoc) v is the first `taps` entries of a circular
+    // convolution of the zero-padded v with autoc laid out symmetrically:
+    // no taps x taps matrix is ever formed.
+    const size_t n = next_pow2(2 * taps);
+    const FftTable table(n);
+    std::vector<cdouble> c(n, cdouble(0.0, 0.0)), work(n);
+    for (size_t k = 0; k < taps; ++k) c[k] = {autoc[k], 0.0};
+    for (size_t k = 1; k < taps; ++k) c[n - k] = {autoc[k], 0.0};
     table.transform(c.data(), false);
+    // The system in g = h / prior_sd: (D T D + mu I) g = D cross.
     auto apply = [&](const std::vector<double>& v, std::vector<double>& out) {
-        for (size_t k = 0; k < kTaps; ++k) work[k] = {v[k], 0.0};
-        std::fill(work.begin() + kTaps, work.end(), cdouble(0.0, 0.0));
+        for (size_t k = 0; k < taps; ++k) work[k] = {v[k] * prior_sd[k], 0.0};
+        std::fill(work.begin() + static_cast<int64_t>(taps), work.end(), cdouble(0.0, 0.0));
         table.transform(work.data(), false);
-        for (size_t i = 0; i < kSmallFft; ++i) {
-            const double wr = work[i].real(), wi = work[i].imag();
-            const double cr = c[i].real(), ci = c[i].imag();
-            work[i] = {wr * cr - wi * ci, wr * ci + wi * cr};
-        }
+        for (size_t i = 0; i < n; ++i) work[i] *= c[i];
         table.transform(work.data(), true);
-        for (size_t k = 0; k < kTaps; ++k) out[k] = lambda * v[k] + work[k].real();
+        for (size_t k = 0; k < taps; ++k) out[k] = mu * v[k] + prior_sd[k] * work[k].real();
     };
     auto dot = [](const std::vector<double>& x, const std::vector<double>& y) {
-        double s = 0.0;
-        for (size_t k = 0; k < kTaps; ++k) s += x[k] * y[k];
-        return s;
+        return std::inner_product(x.begin(), x.end(), y.begin(), 0.0);
     };
-
-    std::vector<double> r(cross, cross + kTaps), p(r), q(kTaps);
+    std::vector<double> r(taps), q(taps);
+    for (size_t k = 0; k < taps; ++k) r[k] = prior_sd[k] * cross[k];
+    std::vector<double> p(r);
     double rr = dot(r, r);
-    if (rr < 1e-30) return h;
+    if (rr < 1e-30) return g;
     const double tol = 1e-14 * rr;
-    for (int it = 0; it < kMaxIterations; ++it) {
-        if (rr <= tol) break;
+    int it = 0;
+    for (; it < iterations && rr > tol; ++it) {
         apply(p, q);
         const double pq = dot(p, q);
         if (!(pq > 0.0)) break;
         const double alpha = rr / pq;
-        for (size_t k = 0; k < kTaps; ++k) {
-            h[k] += alpha * p[k];
+        for (size_t k = 0; k < taps; ++k) {
+            g[k] += alpha * p[k];
             r[k] -= alpha * q[k];
         }
         const double rr_new = dot(r, r);
         const double beta = rr_new / rr;
-        for (size_t k = 0; k < kTaps; ++k) p[k] = r[k] + beta * p[k];
+        for (size_t k = 0; k < taps; ++k) p[k] = r[k] + beta * p[k];
         rr = rr_new;
     }
-    return h;
+    for (size_t k = 0; k < taps; ++k) g[k] *= prior_sd[k];
+    return g;
 }
 
-void subtract_leak(const ReferenceReader& ref, float* b, size_t nb, const double* h,
-                   double& before, double& after) {
-    const FftTable table(kSmallFft);
-    std::vector<cfloat> hf(kSmallFft, cfloat(0.0f, 0.0f)), x(kSmallFft);
-    for (size_t k = 0; k < kTaps; ++k) hf[k] = {static_cast<float>(h[k]), 0.0f};
-    table.transform(hf.data(), false);
-    std::vector<float> refs(kSmallFft);
-    for (size_t s = 0; s < nb; s += kHop) {
-        const size_t m = std::min(kHop, nb - s);
-        // Overlap-save: the first kTaps outputs wrap around and are dropped.
-        ref.read(static_cast<int64_t>(s) - static_cast<int64_t>(kTaps) - ref.base(), kSmallFft,
-                 refs.data());
-        float e = 0.0f;
-        for (size_t u = kTaps; u < m + kTaps; ++u) e += refs[u] * refs[u];
-        if (!(e > 1e-8f)) continue;  // nothing of the reference here to remove
-        fill_real(x.data(), refs.data(), kSmallFft, kSmallFft);
-        table.transform(x.data(), false);
-        for (size_t i = 0; i < kSmallFft; ++i) {
-            const float xr = x[i].real(), xi = x[i].imag();
-            const float hr = hf[i].real(), hi = hf[i].imag();
-            x[i] = {xr * hr - xi * hi, xr * hi + xi * hr};
-        }
-        table.transform(x.data(), true);
-        for (size_t k = 0; k < m; ++k) {
-            float& v = b[s + k];
-            before += static_cast<double>(v) * static_cast<double>(v);
-            v -= x[kTaps + k].real();
-            after += static_cast<double>(v) * static_cast<double>(v);
-        }
-    }
-}
-
-bool clean_take(const float* a, size_t na, std::vector<float>& b, int64_t lag, CleanReport& report) {
+bool clean_take(const float* a, size_t na, std::vector<float>& b, int64_t lag, double rate,
+                CleanReport& report) {
     report = CleanReport{};
     if (a == nullptr || b.size() < kMinCleanFrames || na == 0) return false;
+    if (!(rate >= 1.0)) rate = 44100.0;
     const size_t nb = b.size();
-    const int64_t base = lag - kTapsBeforeDelay;
+    const int64_t nbi = static_cast<int64_t>(nb);
+    const int64_t pre = taps_before_delay(rate);
     const FftTable big(kBigFft);
 
-    report.drift = estimate_drift(a, na, b.data(), nb, lag, big);
-    const ReferenceReader ref(a, na, base, 1.0 / (1.0 + report.drift), report.drift != 0.0);
+    Alignment al = find_alignment(a, na, b.data(), nb, lag, big);
+    report.drift = al.drift;
+    report.stretches = al.stretches;
+    // With a drift the reference is brought onto the take's clock once:
+    // stretch s then reads a(t / (1 + drift) - base) at take frame t, which
+    // is the resampled reference shifted by base * drift (to the frame; the
+    // filter takes up the fraction).
+    std::vector<float> resampled;
+    if (al.drift != 0.0) {
+        resampled = resample(a, na, 1.0 + al.drift, static_cast<size_t>(std::ceil(static_cast<double>(na) * (1.0 + al.drift))) + 1);
+    }
+    auto reader = [&](const Stretch& s) {
+        if (resampled.empty()) return ReferenceReader(a, na, s.delay - pre, 1.0, false);
+        return ReferenceReader(resampled.data(), resampled.size(), s.delay - pre, 1.0, false,
+                               std::llround(static_cast<double>(s.delay - pre) * al.drift));
+    };
+    // Estimation leaves out the zones where a jump lies somewhere.
+    std::vector<std::pair<int64_t, int64_t>> ranges;
+    for (size_t j = 0; j < al.stretches.size(); ++j) {
+        ranges.emplace_back(j == 0 ? 0 : al.zone_end[j - 1], j + 1 < al.stretches.size() ? al.zone_start[j] : nbi);
+    }
 
-    std::vector<double> cross(kTaps, 0.0), autoc(kTaps, 0.0);
-    accumulate_correlations(ref, b.data(), nb, big, cross.data(), autoc.data());
-    if (autoc[0] < 1e-9) return true;  // silent reference: nothing leaked
+    // Every fourth run of kHoldRun frames can be held out of the estimate.
+    const bool holdout_possible = nb >= 8 * kHoldRun;
+    const auto held_out = [](int64_t t) { return (t / static_cast<int64_t>(kHoldRun)) % 4 == 3; };
+    const auto estimate = [&](size_t taps, bool holdout) {
+        Accumulator acc{std::vector<double>(taps, 0.0), std::vector<double>(taps, 0.0), 0.0};
+        for (size_t j = 0; j < al.stretches.size(); ++j) {
+            for (int64_t t = ranges[j].first; t < ranges[j].second;) {
+                const int64_t run_end = std::min<int64_t>((t / kHoldRun + 1) * kHoldRun, ranges[j].second);
+                if (!(holdout && held_out(t))) {
+                    // Consecutive kept runs go in one piece.
+                    int64_t end = run_end;
+                    while (end < ranges[j].second && !(holdout && held_out(end))) {
+                        end = std::min<int64_t>(end + static_cast<int64_t>(kHoldRun), ranges[j].second);
+                    }
+                    accumulate(reader(al.stretches[j]), b.data(), nb, t, end, big, acc);
+                    t = end;
+                } else {
+                    t = run_end;
+                }
+            }
+        }
+        return acc;
+    };
+    // Residual and predicted-leak energy of a filter over the whole take.
+    const auto energies = [&](const std::vector<double>& h, double& pe, double& py) {
+        pe = py = 0.0;
+        for (const Stretch& s : al.stretches) {
+            predict(reader(s), h, s.start, s.end, big, [&](int64_t t, const float* y, size_t m) {
+                for (size_t k = 0; k < m; ++k) {
+                    const double e = static_cast<double>(b[static_cast<size_t>(t) + k]) - y[k];
+                    pe += e * e;
+                    py += static_cast<double>(y[k]) * y[k];
+                }
+            });
+        }
+    };
 
-    const std::vector<double> h = solve_leak_filter(autoc.data(), cross.data());
+    // Pass 1: every frame alike, a flat prior as strong as if take and
+    // leak were equally loud. Its filter shows where the room's energy
+    // stands above the estimate's noise, and its residual where the player is.
+    // A short take cannot support a long filter: at most a quarter of it.
+    const size_t taps1 = std::min(max_taps(rate), std::max(static_cast<size_t>(pre) + 2048, (nb / 4 + 1023) / 1024 * 1024));
+    const Accumulator first = estimate(taps1, false);
+    if (first.autoc[0] < 1e-9 || first.take_frames < 1.0) return true;  // silent reference
+    const double ref_energy = first.autoc[0];
+    const std::vector<double> flat(taps1, 1.0);
+    const auto h1 = solve_leak_filter(first.autoc, first.cross, flat, 0.01 * ref_energy * static_cast<double>(taps1) / first.take_frames, kIterations);
+    size_t peak = 0;
+    for (size_t k = 0; k < taps1; ++k) {
+        if (std::fabs(h1[k]) > std::fabs(h1[peak])) peak = k;
+    }
+    const double rt60 = fit_rt60(h1, peak, rate);
+
+    // The prior: flat from a little before the strongest arrival through
+    // the early reflections (30 ms), then decaying by 60 dB per rt60, cut
+    // where it is kPriorDecayDb down.
+    const size_t early_end = peak + static_cast<size_t>(0.03 * rate);
+    const double tail = rt60 * rate * kPriorDecayDb / 60.0;
+    const size_t taps = std::min(taps1, (early_end + static_cast<size_t>(tail) + 1023) / 1024 * 1024);
+    std::vector<double> sd(taps, 1.0);
+    double sd_sum = 0.0;
+    for (size_t k = 0; k < taps; ++k) {
+        if (k + 256 < peak) sd[k] = std::exp(-static_cast<double>(peak - 256 - k) / 128.0);
+        if (k > early_end) sd[k] = std::exp(-6.907755 * static_cast<double>(k - early_end) / (rt60 * rate));
+        sd_sum += sd[k] * sd[k];
+    }
+    report.taps = taps;
+    report.rt60 = rt60;
+
+    // Pass 2: under the prior, its strength from pass 1's residual against
+    // its predicted leak. Every fourth run of kHoldRun frames is held out
+    // of it (when the take has enough of them), so that the result can be
+    // checked where it was not fitted.
+    double pe_total = 0.0, py_total = 0.0;
+    energies(h1, pe_total, py_total);
+    if (!(py_total > 0.0)) return true;
+    const bool partial = holdout_possible;
+    const Accumulator acc = estimate(taps, partial);
+    const double est_frames = acc.take_frames;
+    const double mu = (pe_total / static_cast<double>(nb)) * ref_energy * sd_sum / py_total;
+    const std::vector<double> h = solve_leak_filter(acc.autoc, acc.cross, sd, mu, kIterations);
+
+    // Jumps placed to the frame: the split between two alignments that
+    // leaves the least energy.
+    for (size_t j = 1; j < al.stretches.size(); ++j) {
+        const int64_t z0 = std::max<int64_t>(al.zone_start[j - 1], al.stretches[j - 1].start);
+        const int64_t z1 = std::min<int64_t>(al.zone_end[j - 1], al.stretches[j].end);
+        if (z1 <= z0) continue;
+        std::vector<double> diff(static_cast<size_t>(z1 - z0), 0.0);
+        predict(reader(al.stretches[j - 1]), h, z0, z1, big, [&](int64_t t, const float* y, size_t m) {
+            for (size_t k = 0; k < m; ++k) {
+                const double e = static_cast<double>(b[static_cast<size_t>(t) + k]) - y[k];
+                diff[static_cast<size_t>(t - z0) + k] += e * e;
+            }
+        });
+        predict(reader(al.stretches[j]), h, z0, z1, big, [&](int64_t t, const float* y, size_t m) {
+            for (size_t k = 0; k < m; ++k) {
+                const double e = static_cast<double>(b[static_cast<size_t>(t) + k]) - y[k];
+                diff[static_cast<size_t>(t - z0) + k] -= e * e;
+            }
+        });
+        double run = 0.0, best = 0.0;
+        int64_t split = z0;
+        for (size_t k = 0; k < diff.size(); ++k) {
+            run += diff[k];
+            if (run < best) {
+                best = run;
+                split = z0 + static_cast<int64_t>(k) + 1;
+            }
+        }
+        al.stretches[j - 1].end = split;
+        al.stretches[j].start = split;
+    }
+
     double before = 0.0, after = 0.0;
-    subtract_leak(ref, b.data(), nb, h.data(), before, after);
+    // Never worse. A chunk is changed only where subtraction lowers its
+    // energy by more than a fit of that many taps to that much take could
+    // by chance; and the whole take only when the filter also lowers the
+    // energy where it was not fitted (the passages left out of the last
+    // estimate), which a fit to the player alone does not.
+    const double margin = static_cast<double>(taps) / std::max(est_frames, 1.0);
+    double outside = 0.0;
+    std::vector<char> keep;
+    for (int apply = 0; apply < 2; ++apply) {
+        size_t chunk = 0;
+        for (Stretch& s : al.stretches) {
+            predict(reader(s), h, s.start, s.end, big, [&](int64_t t, const float* y, size_t m) {
+                for (size_t c = 0; c < m; c += kCheckChunk, ++chunk) {
+                    const size_t len = std::min(kCheckChunk, m - c);
+                    float* x = b.data() + t + static_cast<int64_t>(c);
+                    if (apply == 1) {
+                        if (!keep[chunk]) continue;
+                        for (size_t k = 0; k < len; ++k) x[k] -= y[c + k];
+                        s.cleaned = true;
+                        continue;
+                    }
+                    double e0 = 0.0, e1 = 0.0;
+                    for (size_t k = 0; k < len; ++k) {
+                        const double v = x[k];
+                        const double w = static_cast<double>(x[k] - y[c + k]);
+                        e0 += v * v;
+                        e1 += w * w;
+                    }
+                    if (partial && held_out(t + static_cast<int64_t>(c))) outside += e0 - e1;
+                    const bool ok = e1 < e0 * (1.0 - margin);
+                    keep.push_back(ok ? 1 : 0);
+                    if (ok) {
+                        before += e0;
+                        after += e1;
+                    }
+                }
+            });
+        }
+        if (apply == 0 && ((partial && !(outside > 0.0)) || before == 0.0)) {
+            before = after = 0.0;
+            break;
+        }
+    }
+    report.stretches = al.stretches;
+    report.changed = before > 0.0;
     if (before > 1e-12 && after > 1e-12) report.reduction_db = 10.0 * std::log10(before / after);
     return true;
 }

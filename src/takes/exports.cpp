@@ -56,17 +56,18 @@ int32_t clean(const char* reference_path, const char* take_path, int32_t offset_
     if (rc != ws_ok) return rc;
     ws::takes::CleanReport report;
     if (!ws::takes::clean_take(l.reference.data(), l.reference.size(), l.take, delay_frames,
-                               report)) {
+                               static_cast<double>(l.rate), report)) {
         return ws_invalid_argument;
     }
     std::vector<float>().swap(l.reference);  // the writer needs only the take
+    out->delay_frames = report.stretches.empty() ? delay_frames : report.stretches.front().delay;
+    out->sample_rate = l.rate;
+    if (!report.changed) return ws_ok;  // nothing helped: the take stays as it is on disk
     if (!ws::takes::store_take_wav_safely(take_path, l.take.data(), l.take.size(),
                                           static_cast<int32_t>(l.rate))) {
         return ws_unsupported_format;
     }
     out->reduction_db = report.reduction_db;
-    out->delay_frames = delay_frames;
-    out->sample_rate = l.rate;
     out->cleaned = 1;
     return ws_ok;
 }

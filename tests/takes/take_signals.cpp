@@ -137,14 +137,10 @@ std::vector<float> white(size_t n, double amp, unsigned seed) {
 }
 
 std::vector<float> delayed(const std::vector<float>& x, double d, size_t n) {
-    return stretched(x, 1.0, d, n);
-}
-
-std::vector<float> stretched(const std::vector<float>& x, double stretch, double d, size_t n) {
     std::vector<float> out(n, 0.0f);
-    const bool whole = stretch == 1.0 && d == std::floor(d);
+    const bool whole = d == std::floor(d);
     for (size_t t = 0; t < n; ++t) {
-        const double p = (static_cast<double>(t) - d) / stretch;
+        const double p = static_cast<double>(t) - d;
         if (whole) {
             const long long i = static_cast<long long>(p);
             if (i >= 0 && i < static_cast<long long>(x.size())) out[t] = x[static_cast<size_t>(i)];
@@ -186,23 +182,6 @@ std::vector<float> mix(const std::vector<float>& a, const std::vector<float>& b,
     return out;
 }
 
-double energy(const std::vector<float>& x, size_t from, size_t to) {
-    double e = 0.0;
-    for (size_t i = from; i < std::min(to, x.size()); ++i) e += static_cast<double>(x[i]) * x[i];
-    return e;
-}
-
-double energy_of_difference(const std::vector<float>& x, const std::vector<float>& y, size_t from,
-                            size_t to) {
-    double e = 0.0;
-    for (size_t i = from; i < std::min({to, x.size(), y.size()}); ++i) {
-        const double d = static_cast<double>(x[i]) - y[i];
-        e += d * d;
-    }
-    return e;
-}
-
-double db(double ratio) { return 10.0 * std::log10(ratio); }
 
 WavBytes& WavBytes::riff() {
     raw({'R', 'I', 'F', 'F', 0, 0, 0, 0, 'W', 'A', 'V', 'E'});

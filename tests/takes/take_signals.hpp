@@ -1,6 +1,7 @@
 // Signals and files with known answers for the take tools' tests: a
 // music-like reference, delays (whole and fractional), a short room-like
-// leak path, drift by resampling, and WAV files written byte by byte.
+// leak path, and WAV files written byte by byte. Whole takes through long
+// rooms, with a player and noise: bench/take_scenes.hpp.
 #pragma once
 
 #include <cstddef>
@@ -36,10 +37,6 @@ std::vector<float> white(size_t n, double amp, unsigned seed);
 // signals below a quarter of the rate to better than -80 dB.
 std::vector<float> delayed(const std::vector<float>& x, double d, size_t n);
 
-// y[t] = x((t - d) / stretch): the reference played stretch times slower
-// (stretch 1.0001: the take's clock runs 100 ppm fast) from frame d on.
-std::vector<float> stretched(const std::vector<float>& x, double stretch, double d, size_t n);
-
 // A short room: direct sound, a few reflections and a decaying tail, all
 // within the first 700 taps.
 std::vector<float> room_response(unsigned seed);
@@ -49,11 +46,6 @@ std::vector<float> convolve(const std::vector<float>& x, const std::vector<float
 
 // a + gain * b, elementwise (b may be shorter).
 std::vector<float> mix(const std::vector<float>& a, const std::vector<float>& b, float gain = 1.0f);
-
-double energy(const std::vector<float>& x, size_t from = 0, size_t to = SIZE_MAX);
-double energy_of_difference(const std::vector<float>& x, const std::vector<float>& y,
-                            size_t from = 0, size_t to = SIZE_MAX);
-double db(double ratio);
 
 // ---- files ----
 

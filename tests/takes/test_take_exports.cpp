@@ -167,21 +167,19 @@ TEST(TakeExports, CleanRewritesTheTakeInPlace) {
     EXPECT_EQ(f.dir.list(), (std::vector<std::string>{"backing.wav", "take.wav"}));
 }
 
-TEST(TakeExports, CleanWithASilentReferenceRewritesTheSameSamples) {
+TEST(TakeExports, CleanWithASilentReferenceLeavesTheTakeAlone) {
     s::TempDir dir;
     const std::string ref = dir.file("silence.wav"), take = dir.file("take.wav");
     ASSERT_TRUE(s::write_file(ref, s::wav16(std::vector<float>(20000, 0.0f), 22050)));
     const auto music = s::music(20000, 22050, 4);
     ASSERT_TRUE(s::write_file(take, s::wav16(music, 22050)));
-    const auto before = s::read_mono16(take);
+    const auto before = s::read_file(take);
     TakeCleaning c{};
     ASSERT_EQ(ta_clean(ref.c_str(), take.c_str(), 0, 0, &c), ws_ok);
     EXPECT_EQ(c.reduction_db, 0.0);
-    EXPECT_EQ(c.cleaned, 1u);
-    // value / 32768 written back as round(x * 32767): every sample within one step.
-    const auto after = s::read_mono16(take);
-    ASSERT_EQ(after.size(), before.size());
-    for (size_t i = 0; i < after.size(); ++i) ASSERT_LE(std::abs(after[i] - before[i]), 1) << i;
+    EXPECT_EQ(c.cleaned, 0u);  // nothing to remove: the file is not rewritten
+    EXPECT_EQ(c.sample_rate, 22050u);
+    EXPECT_EQ(s::read_file(take), before);
 }
 
 TEST(TakeExports, CleanRefusesTooShortATakeOrAnEmptyReference) {
