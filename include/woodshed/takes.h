@@ -27,7 +27,7 @@ extern "C" {
 #endif
 
 /* Returns 1, the interface version (WS_ABI_VERSION). No lock; any thread. */
-WS_API int32_t ta_abi_version(void);
+WS_API int32_t ta_abi_version(void) WS_NOEXCEPT;
 
 /* Result of ta_analyze (32 bytes). All zero when the call failed; on success
  * sample_rate is always filled in, and score, delay_frames and valid are 0
@@ -67,7 +67,7 @@ WS_STATIC_ASSERT(offsetof(TakeAnalysis, valid) == 28, "TakeAnalysis.valid");
  * runs out. No lock; any thread. */
 WS_API int32_t ta_analyze(const char* reference_path, const char* take_path,
                           int32_t reference_offset_ms, int32_t min_delay_ms,
-                          int32_t max_delay_ms, TakeAnalysis* out);
+                          int32_t max_delay_ms, TakeAnalysis* out) WS_NOEXCEPT;
 
 /* Result of ta_clean (32 bytes). All zero unless the call succeeded. */
 typedef struct TakeCleaning {
@@ -116,7 +116,7 @@ WS_STATIC_ASSERT(offsetof(TakeCleaning, cleaned) == 28, "TakeCleaning.cleaned");
  * is then unchanged.
  * No lock; any thread. */
 WS_API int32_t ta_clean(const char* reference_path, const char* take_path,
-                        int32_t reference_offset_ms, int64_t delay_frames, TakeCleaning* out);
+                        int32_t reference_offset_ms, int64_t delay_frames, TakeCleaning* out) WS_NOEXCEPT;
 
 #ifdef __cplusplus
 }

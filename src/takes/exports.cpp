@@ -85,7 +85,7 @@ int32_t clean(const char* reference_path, const char* take_path, int32_t offset_
 
 extern "C" WS_API int32_t ta_analyze(const char* reference_path, const char* take_path,
                                      int32_t reference_offset_ms, int32_t min_delay_ms,
-                                     int32_t max_delay_ms, TakeAnalysis* out) {
+                                     int32_t max_delay_ms, TakeAnalysis* out) WS_NOEXCEPT {
     if (out == nullptr) return ws_invalid_argument;
     std::memset(out, 0, sizeof *out);
     if (reference_path == nullptr || take_path == nullptr) return ws_invalid_argument;
@@ -102,7 +102,7 @@ extern "C" WS_API int32_t ta_analyze(const char* reference_path, const char* tak
 
 extern "C" WS_API int32_t ta_clean(const char* reference_path, const char* take_path,
                                    int32_t reference_offset_ms, int64_t delay_frames,
-                                   TakeCleaning* out) {
+                                   TakeCleaning* out) WS_NOEXCEPT {
     if (out == nullptr) return ws_invalid_argument;
     std::memset(out, 0, sizeof *out);
     if (reference_path == nullptr || take_path == nullptr) return ws_invalid_argument;

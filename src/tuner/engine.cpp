@@ -84,7 +84,6 @@ void TunerEngine::copy_status(TunerStatus* out) {
 int32_t TunerEngine::copy_reading(TunerReading* out) const { return reading_.read(out) ? 1 : 0; }
 
 int32_t TunerEngine::refresh_devices() {
-    if (!context_ready_) return ws_backend_init_failed;
     return catalogue_.refresh(&context_, frame::map_device_result);
 }
 
@@ -110,7 +109,6 @@ void TunerEngine::close_device() {
 }
 
 int32_t TunerEngine::open_device(const std::string& id_text) {
-    if (!context_ready_) return ws_backend_init_failed;
     capturing_ = false;
     close_device();
 
