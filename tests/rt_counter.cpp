@@ -7,7 +7,10 @@
 #if defined(WS_INTERPOSE_LIBC)
 #  include <dlfcn.h>
 #  include <pthread.h>
+#  include <sched.h>
 #  include <semaphore.h>
+#  include <stdarg.h>
+#  include <stdio.h>
 #  include <time.h>
 #  include <unistd.h>
 #endif
@@ -71,6 +74,20 @@ template <class Fn>
 Fn next_symbol(const char* name) {
     return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
 }
+
+// The next definition of `name`, looked up once without a function-local
+// static: the guard of such a static is itself interposed below.
+#define WS_NEXT(type, name)                                                              \
+    ([] {                                                                                \
+        static_assert(sizeof(type) == sizeof(void*));                                    \
+        static std::atomic<void*> slot_##name{nullptr};                                  \
+        void* f = slot_##name.load(std::memory_order_acquire);                           \
+        if (f == nullptr) {                                                              \
+            f = dlsym(RTLD_NEXT, #name);                                                 \
+            slot_##name.store(f, std::memory_order_release);                             \
+        }                                                                                \
+        return reinterpret_cast<type>(f);                                                \
+    }())
 }  // namespace
 
 extern "C" {
@@ -117,6 +134,88 @@ int clock_nanosleep(clockid_t c, int f, const struct timespec* a, struct timespe
     static auto real =
         next_symbol<int (*)(clockid_t, int, const struct timespec*, struct timespec*)>("clock_nanosleep");
     return real(c, f, a, b);
+}
+
+// Waits and wake-ups that end in the kernel: condition variables, rwlocks
+// (std::shared_mutex), semaphores, yields and short sleeps, raw futex calls
+// (std::binary_semaphore and atomic waits go straight to syscall), buffered
+// output, and the first run of a function-local static's initialiser.
+int pthread_cond_wait(pthread_cond_t* c, pthread_mutex_t* m) {
+    note_call();
+    return WS_NEXT(int (*)(pthread_cond_t*, pthread_mutex_t*), pthread_cond_wait)(c, m);
+}
+int pthread_cond_timedwait(pthread_cond_t* c, pthread_mutex_t* m, const struct timespec* t) {
+    note_call();
+    return WS_NEXT(int (*)(pthread_cond_t*, pthread_mutex_t*, const struct timespec*), pthread_cond_timedwait)(c, m, t);
+}
+int pthread_cond_signal(pthread_cond_t* c) {
+    note_call();
+    return WS_NEXT(int (*)(pthread_cond_t*), pthread_cond_signal)(c);
+}
+int pthread_cond_broadcast(pthread_cond_t* c) {
+    note_call();
+    return WS_NEXT(int (*)(pthread_cond_t*), pthread_cond_broadcast)(c);
+}
+int pthread_rwlock_rdlock(pthread_rwlock_t* l) {
+    note_call();
+    return WS_NEXT(int (*)(pthread_rwlock_t*), pthread_rwlock_rdlock)(l);
+}
+int pthread_rwlock_wrlock(pthread_rwlock_t* l) {
+    note_call();
+    return WS_NEXT(int (*)(pthread_rwlock_t*), pthread_rwlock_wrlock)(l);
+}
+int sem_timedwait(sem_t* s, const struct timespec* t) {
+    note_call();
+    return WS_NEXT(int (*)(sem_t*, const struct timespec*), sem_timedwait)(s, t);
+}
+int sem_post(sem_t* s) {
+    note_call();
+    return WS_NEXT(int (*)(sem_t*), sem_post)(s);
+}
+int sched_yield() {
+    note_call();
+    return WS_NEXT(int (*)(), sched_yield)();
+}
+int usleep(useconds_t us) {
+    note_call();
+    return WS_NEXT(int (*)(useconds_t), usleep)(us);
+}
+long syscall(long number, ...) {
+    note_call();
+    va_list ap;
+    va_start(ap, number);
+    long a[6];
+    for (long& x : a) x = va_arg(ap, long);
+    va_end(ap);
+    return WS_NEXT(long (*)(long, ...), syscall)(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+}
+size_t fwrite(const void* p, size_t size, size_t n, FILE* f) {
+    note_call();
+    return WS_NEXT(size_t (*)(const void*, size_t, size_t, FILE*), fwrite)(p, size, n, f);
+}
+int fputs(const char* text, FILE* f) {
+    note_call();
+    return WS_NEXT(int (*)(const char*, FILE*), fputs)(text, f);
+}
+int fputc(int c, FILE* f) {
+    note_call();
+    return WS_NEXT(int (*)(int, FILE*), fputc)(c, f);
+}
+int puts(const char* text) {
+    note_call();
+    return WS_NEXT(int (*)(const char*), puts)(text);
+}
+int fflush(FILE* f) {
+    note_call();
+    return WS_NEXT(int (*)(FILE*), fflush)(f);
+}
+int vfprintf(FILE* f, const char* format, va_list ap) {
+    note_call();
+    return WS_NEXT(int (*)(FILE*, const char*, va_list), vfprintf)(f, format, ap);
+}
+int __cxa_guard_acquire(long long* guard) {
+    note_call();
+    return WS_NEXT(int (*)(long long*), __cxa_guard_acquire)(guard);
 }
 }  // extern "C"
 #endif
