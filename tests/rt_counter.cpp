@@ -140,46 +140,29 @@ int clock_nanosleep(clockid_t c, int f, const struct timespec* a, struct timespe
 // (std::shared_mutex), semaphores, yields and short sleeps, raw futex calls
 // (std::binary_semaphore and atomic waits go straight to syscall), buffered
 // output, and the first run of a function-local static's initialiser.
-int pthread_cond_wait(pthread_cond_t* c, pthread_mutex_t* m) {
-    note_call();
-    return WS_NEXT(int (*)(pthread_cond_t*, pthread_mutex_t*), pthread_cond_wait)(c, m);
-}
-int pthread_cond_timedwait(pthread_cond_t* c, pthread_mutex_t* m, const struct timespec* t) {
-    note_call();
-    return WS_NEXT(int (*)(pthread_cond_t*, pthread_mutex_t*, const struct timespec*), pthread_cond_timedwait)(c, m, t);
-}
-int pthread_cond_signal(pthread_cond_t* c) {
-    note_call();
-    return WS_NEXT(int (*)(pthread_cond_t*), pthread_cond_signal)(c);
-}
-int pthread_cond_broadcast(pthread_cond_t* c) {
-    note_call();
-    return WS_NEXT(int (*)(pthread_cond_t*), pthread_cond_broadcast)(c);
-}
-int pthread_rwlock_rdlock(pthread_rwlock_t* l) {
-    note_call();
-    return WS_NEXT(int (*)(pthread_rwlock_t*), pthread_rwlock_rdlock)(l);
-}
-int pthread_rwlock_wrlock(pthread_rwlock_t* l) {
-    note_call();
-    return WS_NEXT(int (*)(pthread_rwlock_t*), pthread_rwlock_wrlock)(l);
-}
-int sem_timedwait(sem_t* s, const struct timespec* t) {
-    note_call();
-    return WS_NEXT(int (*)(sem_t*, const struct timespec*), sem_timedwait)(s, t);
-}
-int sem_post(sem_t* s) {
-    note_call();
-    return WS_NEXT(int (*)(sem_t*), sem_post)(s);
-}
-int sched_yield() {
-    note_call();
-    return WS_NEXT(int (*)(), sched_yield)();
-}
-int usleep(useconds_t us) {
-    note_call();
-    return WS_NEXT(int (*)(useconds_t), usleep)(us);
-}
+#define WS_COUNTED(ret, name, params, args)                       \
+    ret name params {                                             \
+        note_call();                                              \
+        return WS_NEXT(decltype(&name), name) args;               \
+    }
+WS_COUNTED(int, pthread_cond_wait, (pthread_cond_t* c, pthread_mutex_t* m), (c, m))
+WS_COUNTED(int, pthread_cond_timedwait, (pthread_cond_t* c, pthread_mutex_t* m, const struct timespec* t), (c, m, t))
+WS_COUNTED(int, pthread_cond_signal, (pthread_cond_t* c), (c))
+WS_COUNTED(int, pthread_cond_broadcast, (pthread_cond_t* c), (c))
+WS_COUNTED(int, pthread_rwlock_rdlock, (pthread_rwlock_t* l), (l))
+WS_COUNTED(int, pthread_rwlock_wrlock, (pthread_rwlock_t* l), (l))
+WS_COUNTED(int, sem_timedwait, (sem_t* s, const struct timespec* t), (s, t))
+WS_COUNTED(int, sem_post, (sem_t* s), (s))
+WS_COUNTED(int, sched_yield, (), ())
+WS_COUNTED(int, usleep, (useconds_t us), (us))
+WS_COUNTED(size_t, fwrite, (const void* p, size_t size, size_t n, FILE* f), (p, size, n, f))
+WS_COUNTED(int, fputs, (const char* text, FILE* f), (text, f))
+WS_COUNTED(int, fputc, (int c, FILE* f), (c, f))
+WS_COUNTED(int, puts, (const char* text), (text))
+WS_COUNTED(int, fflush, (FILE* f), (f))
+WS_COUNTED(int, vfprintf, (FILE* f, const char* format, va_list ap), (f, format, ap))
+WS_COUNTED(int, __cxa_guard_acquire, (long long* guard), (guard))
+
 long syscall(long number, ...) {
     note_call();
     va_list ap;
@@ -188,34 +171,6 @@ long syscall(long number, ...) {
     for (long& x : a) x = va_arg(ap, long);
     va_end(ap);
     return WS_NEXT(long (*)(long, ...), syscall)(number, a[0], a[1], a[2], a[3], a[4], a[5]);
-}
-size_t fwrite(const void* p, size_t size, size_t n, FILE* f) {
-    note_call();
-    return WS_NEXT(size_t (*)(const void*, size_t, size_t, FILE*), fwrite)(p, size, n, f);
-}
-int fputs(const char* text, FILE* f) {
-    note_call();
-    return WS_NEXT(int (*)(const char*, FILE*), fputs)(text, f);
-}
-int fputc(int c, FILE* f) {
-    note_call();
-    return WS_NEXT(int (*)(int, FILE*), fputc)(c, f);
-}
-int puts(const char* text) {
-    note_call();
-    return WS_NEXT(int (*)(const char*), puts)(text);
-}
-int fflush(FILE* f) {
-    note_call();
-    return WS_NEXT(int (*)(FILE*), fflush)(f);
-}
-int vfprintf(FILE* f, const char* format, va_list ap) {
-    note_call();
-    return WS_NEXT(int (*)(FILE*, const char*, va_list), vfprintf)(f, format, ap);
-}
-int __cxa_guard_acquire(long long* guard) {
-    note_call();
-    return WS_NEXT(int (*)(long long*), __cxa_guard_acquire)(guard);
 }
 }  // extern "C"
 #endif

@@ -1,14 +1,11 @@
 // ta_analyze and ta_clean through the shared library, as a host calls them:
-// exact result codes and records, files on disk before and after, and
-// calls from several threads at once.
+// exact result codes and records, and files on disk before and after.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <memory>
-#include <thread>
 #include <vector>
 
 #if !defined(_WIN32)
@@ -222,34 +219,6 @@ TEST(TakeExports, CleanRestoresAStrandedTake) {
     ASSERT_EQ(ta_clean(f.ref.c_str(), f.take.c_str(), 0, 300, &c), ws_ok);
     EXPECT_EQ(c.cleaned, 1u);
     EXPECT_EQ(f.dir.list(), (std::vector<std::string>{"backing.wav", "take.wav"}));
-}
-
-TEST(TakeExports, CallsFromSeveralThreadsAtOnce) {
-    // No lock and no shared state: each thread has its own files.
-    constexpr int kThreads = 4;
-    std::vector<std::unique_ptr<Files>> files;
-    for (int i = 0; i < kThreads; ++i) {
-        files.push_back(std::make_unique<Files>(44100, 30000, 0, static_cast<size_t>(100 + 50 * i)));
-    }
-    std::vector<TakeAnalysis> analyses(kThreads);
-    std::vector<TakeCleaning> cleanings(kThreads);
-    std::vector<int32_t> codes(2 * kThreads, -99);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&, i] {
-            const Files& f = *files[static_cast<size_t>(i)];
-            codes[2 * i] = ta_analyze(f.ref.c_str(), f.take.c_str(), 0, 0, 500, &analyses[static_cast<size_t>(i)]);
-            codes[2 * i + 1] = ta_clean(f.ref.c_str(), f.take.c_str(), 0, analyses[static_cast<size_t>(i)].delay_frames,
-                                        &cleanings[static_cast<size_t>(i)]);
-        });
-    }
-    for (auto& t : threads) t.join();
-    for (int i = 0; i < kThreads; ++i) {
-        EXPECT_EQ(codes[2 * i], ws_ok);
-        EXPECT_EQ(codes[2 * i + 1], ws_ok);
-        EXPECT_EQ(analyses[static_cast<size_t>(i)].delay_frames, 100 + 50 * i);
-        EXPECT_EQ(cleanings[static_cast<size_t>(i)].cleaned, 1u);
-    }
 }
 
 }  // namespace
