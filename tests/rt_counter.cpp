@@ -7,7 +7,10 @@
 #if defined(WS_INTERPOSE_LIBC)
 #  include <dlfcn.h>
 #  include <pthread.h>
+#  include <sched.h>
 #  include <semaphore.h>
+#  include <stdarg.h>
+#  include <stdio.h>
 #  include <time.h>
 #  include <unistd.h>
 #endif
@@ -71,6 +74,20 @@ template <class Fn>
 Fn next_symbol(const char* name) {
     return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
 }
+
+// The next definition of `name`, looked up once without a function-local
+// static: the guard of such a static is itself interposed below.
+#define WS_NEXT(type, name)                                                              \
+    ([] {                                                                                \
+        static_assert(sizeof(type) == sizeof(void*));                                    \
+        static std::atomic<void*> slot_##name{nullptr};                                  \
+        void* f = slot_##name.load(std::memory_order_acquire);                           \
+        if (f == nullptr) {                                                              \
+            f = dlsym(RTLD_NEXT, #name);                                                 \
+            slot_##name.store(f, std::memory_order_release);                             \
+        }                                                                                \
+        return reinterpret_cast<type>(f);                                                \
+    }())
 }  // namespace
 
 extern "C" {
@@ -117,6 +134,43 @@ int clock_nanosleep(clockid_t c, int f, const struct timespec* a, struct timespe
     static auto real =
         next_symbol<int (*)(clockid_t, int, const struct timespec*, struct timespec*)>("clock_nanosleep");
     return real(c, f, a, b);
+}
+
+// Waits and wake-ups that end in the kernel: condition variables, rwlocks
+// (std::shared_mutex), semaphores, yields and short sleeps, raw futex calls
+// (std::binary_semaphore and atomic waits go straight to syscall), buffered
+// output, and the first run of a function-local static's initialiser.
+#define WS_COUNTED(ret, name, params, args)                       \
+    ret name params {                                             \
+        note_call();                                              \
+        return WS_NEXT(decltype(&name), name) args;               \
+    }
+WS_COUNTED(int, pthread_cond_wait, (pthread_cond_t* c, pthread_mutex_t* m), (c, m))
+WS_COUNTED(int, pthread_cond_timedwait, (pthread_cond_t* c, pthread_mutex_t* m, const struct timespec* t), (c, m, t))
+WS_COUNTED(int, pthread_cond_signal, (pthread_cond_t* c), (c))
+WS_COUNTED(int, pthread_cond_broadcast, (pthread_cond_t* c), (c))
+WS_COUNTED(int, pthread_rwlock_rdlock, (pthread_rwlock_t* l), (l))
+WS_COUNTED(int, pthread_rwlock_wrlock, (pthread_rwlock_t* l), (l))
+WS_COUNTED(int, sem_timedwait, (sem_t* s, const struct timespec* t), (s, t))
+WS_COUNTED(int, sem_post, (sem_t* s), (s))
+WS_COUNTED(int, sched_yield, (), ())
+WS_COUNTED(int, usleep, (useconds_t us), (us))
+WS_COUNTED(size_t, fwrite, (const void* p, size_t size, size_t n, FILE* f), (p, size, n, f))
+WS_COUNTED(int, fputs, (const char* text, FILE* f), (text, f))
+WS_COUNTED(int, fputc, (int c, FILE* f), (c, f))
+WS_COUNTED(int, puts, (const char* text), (text))
+WS_COUNTED(int, fflush, (FILE* f), (f))
+WS_COUNTED(int, vfprintf, (FILE* f, const char* format, va_list ap), (f, format, ap))
+WS_COUNTED(int, __cxa_guard_acquire, (long long* guard), (guard))
+
+long syscall(long number, ...) {
+    note_call();
+    va_list ap;
+    va_start(ap, number);
+    long a[6];
+    for (long& x : a) x = va_arg(ap, long);
+    va_end(ap);
+    return WS_NEXT(long (*)(long, ...), syscall)(number, a[0], a[1], a[2], a[3], a[4], a[5]);
 }
 }  // extern "C"
 #endif

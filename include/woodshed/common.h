@@ -31,6 +31,17 @@
 #  define WS_API
 #endif
 
+/* Compiled as C++, the exports are declared noexcept: nothing unwinds into
+ * the host. What no result code can report (memory exhausted inside a call
+ * that has no code for it, a worker thread the system refuses to start)
+ * ends the process; the declarations of the calls that can fail that way
+ * say so. */
+#ifdef __cplusplus
+#  define WS_NOEXCEPT noexcept
+#else
+#  define WS_NOEXCEPT
+#endif
+
 #ifdef __cplusplus
 #  define WS_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
 extern "C" {

@@ -204,7 +204,7 @@ WS_STATIC_ASSERT(offsetof(MetronomeSnapshot, sample_rate) == 72, "MetronomeSnaps
 WS_STATIC_ASSERT(offsetof(MetronomeSnapshot, reserved) == 76, "MetronomeSnapshot.reserved");
 
 /* Returns 1, the interface version (WS_ABI_VERSION). No lock; any thread. */
-WS_API int32_t mn_abi_version(void);
+WS_API int32_t mn_abi_version(void) WS_NOEXCEPT;
 
 /*
  * The live metronome. One instance per process: mn_create makes it,
@@ -220,17 +220,18 @@ WS_API int32_t mn_abi_version(void);
 
 /* Creates the metronome (stopped, 120 BPM, no device open yet).
  * Returns 0; ws_already_created (-1); ws_backend_init_failed (-10) if no
- * audio back end could be initialised (nothing kept). */
-WS_API int32_t mn_create(void);
+ * audio back end could be initialised (nothing kept). Ends the process (see
+ * common.h) if memory or the watchdog thread cannot be had. */
+WS_API int32_t mn_create(void) WS_NOEXCEPT;
 
 /* Stops the watchdog, closes the device, frees the instance. Blocks up to
  * about 50 ms for the watchdog. Returns 0, or -2. */
-WS_API int32_t mn_destroy(void);
+WS_API int32_t mn_destroy(void) WS_NOEXCEPT;
 
 /* Stores a range-checked copy of `config` for later starts and hands it to
  * the click: at once when stopped, otherwise from the next bar line. Opens
  * and starts nothing. Returns 0, -2, or -3 for NULL. */
-WS_API int32_t mn_configure(const MetronomeConfig* config);
+WS_API int32_t mn_configure(const MetronomeConfig* config) WS_NOEXCEPT;
 
 /* Starts the click from its count-in with a range-checked copy of `config`,
  * opening the playback device first if it is not open. `device_id` (an
@@ -238,47 +239,47 @@ WS_API int32_t mn_configure(const MetronomeConfig* config);
  * default) is stored; while the device is already open a new id is only
  * used at the next reopen (mn_select_device or after a device event).
  * Blocks while the device opens. Returns 0, -2, -3 for a NULL config, or the
- * device error (-10, -11, -12, -13, -15) with nothing started. */
-WS_API int32_t mn_start(const MetronomeConfig* config, const char* device_id);
+ * device error (-11, -12, -13, -15) with nothing started. */
+WS_API int32_t mn_start(const MetronomeConfig* config, const char* device_id) WS_NOEXCEPT;
 
 /* Fades the click out over one audio block. The device stays open and plays
  * silence. Returns 0 or -2. */
-WS_API int32_t mn_stop(void);
+WS_API int32_t mn_stop(void) WS_NOEXCEPT;
 
 /* Pauses the click, keeping its position; mn_resume continues from there.
  * Return 0 or -2. */
-WS_API int32_t mn_pause(void);
-WS_API int32_t mn_resume(void);
+WS_API int32_t mn_pause(void) WS_NOEXCEPT;
+WS_API int32_t mn_resume(void) WS_NOEXCEPT;
 
 /* Sets the tempo in millionths of a beat per minute (120 BPM = 120000000),
  * clamped to 10..400 BPM; cancels a running ramp. Returns 0 or -2. */
-WS_API int32_t mn_set_tempo(int64_t tempo_ubpm);
+WS_API int32_t mn_set_tempo(int64_t tempo_ubpm) WS_NOEXCEPT;
 
 /* Sets the output gain, clamped to 0..1 (NaN gives 0). Returns 0 or -2. */
-WS_API int32_t mn_set_master_gain(double gain);
+WS_API int32_t mn_set_master_gain(double gain) WS_NOEXCEPT;
 
 /* Chooses the playback device (NULL or "": the default; an unknown or
  * malformed id also gives the default, see MetronomeStatus.used_default)
  * and reopens it now; a playing click restarts on it without count-in.
  * Blocks while the device opens. Returns 0, -2, or the device error. */
-WS_API int32_t mn_select_device(const char* device_id);
+WS_API int32_t mn_select_device(const char* device_id) WS_NOEXCEPT;
 
 /* Lists the playback devices afresh. Returns their number (0 or more), -2,
- * -10 without an audio context, or a device error (previous list kept). */
-WS_API int32_t mn_refresh_devices(void);
+ * or a device error (previous list kept). */
+WS_API int32_t mn_refresh_devices(void) WS_NOEXCEPT;
 
 /* Copies the index-th playback device of the last refresh. Query
  * convention: 1 if copied, 0 if the index is negative or past the end; -2;
  * -3 for NULL. */
-WS_API int32_t mn_get_device(int32_t index, DeviceRecord* out);
+WS_API int32_t mn_get_device(int32_t index, DeviceRecord* out) WS_NOEXCEPT;
 
 /* Copies the device status. Returns 0, -2, or -3 for NULL. */
-WS_API int32_t mn_get_status(MetronomeStatus* out);
+WS_API int32_t mn_get_status(MetronomeStatus* out) WS_NOEXCEPT;
 
 /* Copies the latest position snapshot without blocking the audio thread.
  * Query convention: 1 if copied; 0 if no audio block has played yet or no
  * consistent copy could be taken (try again); -2; -3 for NULL. */
-WS_API int32_t mn_get_snapshot(MetronomeSnapshot* out);
+WS_API int32_t mn_get_snapshot(MetronomeSnapshot* out) WS_NOEXCEPT;
 
 /* Renders the click track that starting the metronome with `config` would
  * play, from its first frame, without any device: for previews and for
@@ -300,9 +301,10 @@ WS_API int32_t mn_get_snapshot(MetronomeSnapshot* out);
  * metronome of its own, so it may run on any number of threads at once and
  * beside a playing metronome, which it does not affect. It allocates
  * the click sounds for this rate (under one megabyte) and frees them before
- * returning; the time it takes grows with `frames`. */
+ * returning (memory that cannot be had ends the process, see common.h); the
+ * time it takes grows with `frames`. */
 WS_API int64_t mn_render_offline(const MetronomeConfig* config, double sample_rate, int64_t frames,
-                                 int32_t channels, float* out);
+                                 int32_t channels, float* out) WS_NOEXCEPT;
 
 #ifdef __cplusplus
 }

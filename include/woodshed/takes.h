@@ -27,7 +27,7 @@ extern "C" {
 #endif
 
 /* Returns 1, the interface version (WS_ABI_VERSION). No lock; any thread. */
-WS_API int32_t ta_abi_version(void);
+WS_API int32_t ta_abi_version(void) WS_NOEXCEPT;
 
 /* Result of ta_analyze (32 bytes). All zero when the call failed; on success
  * sample_rate is always filled in, and score, delay_frames and valid are 0
@@ -60,12 +60,14 @@ WS_STATIC_ASSERT(offsetof(TakeAnalysis, valid) == 28, "TakeAnalysis.valid");
  *   out                  the result; cleared first (unless null)
  * Returns 0 when the files were read, also when no analysis could be made
  * (then valid is 0); -3 (ws_invalid_argument) if out is null (nothing
- * written) or a path is null; -14 (ws_unsupported_format) if a file cannot
- * be read or is not a supported WAV, if the rates differ, or if memory for
- * the files runs out. No lock; any thread. */
+ * written), a path is null or both paths name one file (also through a
+ * link); -14 (ws_unsupported_format) if a file cannot be read, is not a
+ * regular file (a FIFO or device is refused at once, never waited on) or
+ * is not a supported WAV, if the rates differ, or if memory for the files
+ * runs out. No lock; any thread. */
 WS_API int32_t ta_analyze(const char* reference_path, const char* take_path,
                           int32_t reference_offset_ms, int32_t min_delay_ms,
-                          int32_t max_delay_ms, TakeAnalysis* out);
+                          int32_t max_delay_ms, TakeAnalysis* out) WS_NOEXCEPT;
 
 /* Result of ta_clean (32 bytes). All zero unless the call succeeded; on
  * success delay_frames and sample_rate are always filled in. */
@@ -100,22 +102,28 @@ WS_STATIC_ASSERT(offsetof(TakeCleaning, cleaned) == 28, "TakeCleaning.cleaned");
  * The take is rewritten as mono 16-bit PCM at its rate (a stereo take
  * becomes the mean of its channels). A clock drift of up to 400 ppm between
  * the recordings is found and corrected in takes of 393216 frames or more.
- * The new take goes to take_path + ".tawtmp" first and then replaces the old
- * one, which is kept as take_path + ".tawbak" until the new one is in place:
- * at every moment the take is on disk, old or new.
+ * The new take is written to take_path + ".tawtmp" (created anew: a link or
+ * another user's file at that name makes the call fail), synced to disk,
+ * given the old take's permissions, and renamed over the old take in one
+ * step: at every moment the take is on disk, old or new. A take that is a
+ * link is replaced at its target. A take missing while take_path +
+ * ".tawbak" exists (left by an older version interrupted mid-replacement)
+ * is first restored from it; that file is never deleted.
  * Subtraction is kept only where it lowers the take's energy; when it helps
  * nowhere (a silent reference, a take without leak) the call returns 0 with
  * cleaned 0 and reduction_db 0, and the take file is not rewritten.
  * Returns 0 on success; -3 (ws_invalid_argument)
- * if out is null (nothing written), a path is null, the take is shorter
- * than 8192 frames or the reference is empty after the offset; -14
- * (ws_unsupported_format) if a file cannot be read or is not a supported
- * WAV, if the rates differ, if memory runs out, or if the take cannot be
- * replaced (for example a read-only take, or one another program keeps
- * open, for longer than the retries): the take file is then unchanged.
+ * if out is null (nothing written), a path is null, both paths name one
+ * file (also through a link), delay_frames lies outside +-2^40, the take is
+ * shorter than 8192 frames or the reference is empty after the offset; -14
+ * (ws_unsupported_format) if a file cannot be read, is not a regular file
+ * or is not a supported WAV, if the rates differ, if memory runs out, or
+ * if the take cannot be replaced (for example a read-only take, or one
+ * another program keeps open, for longer than the retries): the take file
+ * is then unchanged.
  * No lock; any thread. */
 WS_API int32_t ta_clean(const char* reference_path, const char* take_path,
-                        int32_t reference_offset_ms, int64_t delay_frames, TakeCleaning* out);
+                        int32_t reference_offset_ms, int64_t delay_frames, TakeCleaning* out) WS_NOEXCEPT;
 
 #ifdef __cplusplus
 }

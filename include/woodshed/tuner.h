@@ -113,10 +113,10 @@ WS_STATIC_ASSERT(offsetof(TunerStatus, device_channels) == 24, "TunerStatus.devi
 WS_STATIC_ASSERT(offsetof(TunerStatus, default_used) == 28, "TunerStatus.default_used");
 
 /* Returns 1, the interface version (WS_ABI_VERSION). No lock; any thread. */
-WS_API int32_t tn_abi_version(void);
+WS_API int32_t tn_abi_version(void) WS_NOEXCEPT;
 
 /* Returns the fixed capability mask 31. No lock; any thread. */
-WS_API int32_t tn_capabilities(void);
+WS_API int32_t tn_capabilities(void) WS_NOEXCEPT;
 
 /*
  * The live tuner engine. One instance per process: tn_engine_create makes it,
@@ -130,50 +130,50 @@ WS_API int32_t tn_capabilities(void);
 /* Creates the engine with `config` (NULL: defaults) and its audio context.
  * Returns 0; ws_already_created (-1) if an engine exists (it is untouched);
  * ws_backend_init_failed (-10) if no audio back end could be initialised
- * (nothing is kept; create may be tried again). */
-WS_API int32_t tn_engine_create(const TunerConfig* config);
+ * (nothing is kept; create may be tried again). Ends the process (see
+ * common.h) if memory or the worker thread cannot be had. */
+WS_API int32_t tn_engine_create(const TunerConfig* config) WS_NOEXCEPT;
 
 /* Stops capture, joins the worker, closes the device and frees the engine.
  * Blocks until the worker has ended. Returns 0, or -2 if there was none. */
-WS_API int32_t tn_engine_destroy(void);
+WS_API int32_t tn_engine_destroy(void) WS_NOEXCEPT;
 
 /* Applies new settings to the running analysis. A changed frequency range
  * restarts the analysis; other changes apply from the next frame.
  * Returns 0; -2; ws_invalid_argument (-3) for NULL. */
-WS_API int32_t tn_engine_configure(const TunerConfig* config);
+WS_API int32_t tn_engine_configure(const TunerConfig* config) WS_NOEXCEPT;
 
 /* Opens and starts the capture device named by `device_id` (an id_text from
  * tn_engine_get_device; upper-case hex accepted). NULL, the empty text, a
  * malformed text or one that names no listed input opens the default input
  * (TunerStatus.default_used = 1). A running device is closed first and the
  * published reading is forgotten. Blocks while the device opens.
- * Returns 0, -2, -10 without an audio context, or the device error
+ * Returns 0, -2, or the device error
  * (-11 no device, -12 busy, -13 access denied, -14 format, -15 other), which
  * TunerStatus also records with the back end's raw value. */
-WS_API int32_t tn_engine_start(const char* device_id);
+WS_API int32_t tn_engine_start(const char* device_id) WS_NOEXCEPT;
 
 /* Closes the device. The last reading stays readable. Stopping a stopped
  * engine succeeds (and still counts as a status change). Returns 0 or -2. */
-WS_API int32_t tn_engine_stop(void);
+WS_API int32_t tn_engine_stop(void) WS_NOEXCEPT;
 
 /* Copies the status record. Returns 0, -2, or -3 for NULL. */
-WS_API int32_t tn_engine_get_status(TunerStatus* out);
+WS_API int32_t tn_engine_get_status(TunerStatus* out) WS_NOEXCEPT;
 
 /* Copies the latest reading. Note the query convention: returns 1 if a
  * reading was copied, 0 if none has been published since the device opened
  * (or no consistent copy could be taken; try again), -2, or -3 for NULL.
  * Never blocks the analysis. */
-WS_API int32_t tn_engine_get_reading(TunerReading* out);
+WS_API int32_t tn_engine_get_reading(TunerReading* out) WS_NOEXCEPT;
 
 /* Copies the index-th input of the list made by the last refresh (or start).
  * Query convention: 1 if copied, 0 if the index is negative or past the end;
  * -2; -3 for NULL (after the instance check). */
-WS_API int32_t tn_engine_get_device(int32_t index, DeviceRecord* out);
+WS_API int32_t tn_engine_get_device(int32_t index, DeviceRecord* out) WS_NOEXCEPT;
 
 /* Lists the capture devices afresh. Returns their number (0 or more), -2,
- * -10 without an audio context, or a device error; on failure the previous
- * list stays. */
-WS_API int32_t tn_engine_refresh_devices(void);
+ * or a device error; on failure the previous list stays. */
+WS_API int32_t tn_engine_refresh_devices(void) WS_NOEXCEPT;
 
 /* Analyses a buffer the host holds and reports the reading the live tuner
  * would show after hearing it (not an average: the state after the last
@@ -193,9 +193,10 @@ WS_API int32_t tn_engine_refresh_devices(void);
  * shorter than one analysis window (out untouched); ws_invalid_argument (-3)
  * for a NULL samples or out pointer, frames < 1 or channels outside 1..32.
  * Takes no lock, needs no engine, keeps nothing between calls: safe from any
- * number of threads at once. Allocates its working buffers per call. */
+ * number of threads at once. Allocates its working buffers per call; if
+ * that memory cannot be had, the process ends (see common.h). */
 WS_API int32_t tn_offline_process(const TunerConfig* config, const float* samples, int32_t frames,
-                                  int32_t channels, double sample_rate, TunerReading* out);
+                                  int32_t channels, double sample_rate, TunerReading* out) WS_NOEXCEPT;
 
 #ifdef __cplusplus
 }

@@ -2,7 +2,7 @@
 // the number, and a single definition means the four can never disagree.
 #include "woodshed/woodshed.h"
 
-extern "C" WS_API int32_t tn_abi_version(void) { return WS_ABI_VERSION; }
+extern "C" WS_API int32_t tn_abi_version(void) WS_NOEXCEPT { return WS_ABI_VERSION; }
 
 #if defined(_MSC_VER) && !defined(__clang__)
 #  pragma comment(linker, "/export:mn_abi_version=tn_abi_version")
@@ -13,10 +13,10 @@ extern "C" WS_API int32_t tn_abi_version(void) { return WS_ABI_VERSION; }
 // An alias is its target's very code, so it cannot lack any of its attributes.
 #    pragma GCC diagnostic ignored "-Wmissing-attributes"
 #  endif
-extern "C" WS_API int32_t mn_abi_version(void) __attribute__((alias("tn_abi_version")));
+extern "C" WS_API int32_t mn_abi_version(void) WS_NOEXCEPT __attribute__((alias("tn_abi_version")));
 extern "C" WS_API int32_t sd_abi_version(void) __attribute__((alias("tn_abi_version")));
-extern "C" WS_API int32_t ta_abi_version(void) __attribute__((alias("tn_abi_version")));
+extern "C" WS_API int32_t ta_abi_version(void) WS_NOEXCEPT __attribute__((alias("tn_abi_version")));
 #endif
 
 // A fixed mask for the host to test; the library attaches no logic to it.
-extern "C" WS_API int32_t tn_capabilities(void) { return 31; }
+extern "C" WS_API int32_t tn_capabilities(void) WS_NOEXCEPT { return 31; }

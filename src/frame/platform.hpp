@@ -1,8 +1,11 @@
 // The few things that differ between Windows and elsewhere, in one place:
-// file access by UTF-8 path (Windows needs UTF-16 for non-ASCII names) and
-// worker threads.
+// file access by UTF-8 path (Windows needs UTF-16 for non-ASCII names), the
+// file-system calls of a replacement that cannot lose the file it replaces,
+// and worker threads.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <mutex>
 #include <string>
@@ -11,11 +14,62 @@
 namespace ws::platform {
 
 // fopen/remove/rename taking UTF-8 paths. On Windows the path is converted to
-// UTF-16 (code page 65001) and the wide C runtime calls are used; a path that
-// is not valid UTF-8 fails like a missing file.
+// UTF-16 (code page 65001) and the wide calls are used; a path that is not
+// valid UTF-8 fails like a missing file.
 std::FILE* open_file(const char* utf8_path, const char* mode);
 bool remove_file(const char* utf8_path);
 bool rename_file(const char* utf8_from, const char* utf8_to);
+
+// Opens an existing regular file for reading ("rb"). Anything else (a
+// directory, a FIFO, a device) is refused without blocking; with
+// follow_links false a symbolic link is refused too.
+std::FILE* open_regular_for_reading(const char* utf8_path, bool follow_links = true);
+
+// What a path names. `follow_links` false looks at a link itself.
+struct FileStatus {
+    enum Kind : uint8_t { missing, regular, link, other, unknown } kind = unknown;
+    uint64_t device = 0, inode = 0;  // with the kind, one file's identity
+    uint32_t links = 0;              // hard links to it
+    bool owned_by_me = false;        // by this process's user (always true on Windows)
+};
+FileStatus file_status(const char* utf8_path, bool follow_links);
+
+// Whether both paths name one existing file (links of either kind followed).
+bool same_file(const char* utf8_a, const char* utf8_b);
+
+// The path a symbolic link finally leads to, or the path itself when it is
+// not a link. False for a link that leads nowhere.
+bool resolve_links(const char* utf8_path, std::string& out);
+
+// Whether an existing regular file may be changed: it opens for update
+// (which fails for a file another program holds without sharing) and, on
+// Windows, lacks the read-only attribute. Never blocks.
+bool can_write(const char* utf8_path);
+
+// Renames only if nothing exists at `to`, atomically.
+bool rename_no_replace(const char* utf8_from, const char* utf8_to);
+
+// The steps of a safe replacement, one function each so that tests can make
+// any of them fail (or end the process) in turn.
+struct ReplaceSteps {
+    // Creates a new file for writing, failing if anything (a link included)
+    // exists at the name.
+    std::FILE* (*create_new)(const char* path);
+    bool (*write)(std::FILE* f, const void* data, size_t bytes);
+    bool (*flush)(std::FILE* f);  // the C library's buffer to the system
+    bool (*sync)(std::FILE* f);   // the system's cache to stable storage
+    // Gives the open file the mode and, where permitted, the owner and group
+    // of `model` (POSIX), or its attributes (Windows). True when `model`
+    // does not exist.
+    bool (*copy_mode)(std::FILE* f, const char* model);
+    // Puts `from` in the place of `to` in one atomic step (the name `to` is
+    // never missing).
+    bool (*replace)(const char* from, const char* to);
+    // Makes the folder holding `path` durable (its entries, after a replace).
+    bool (*sync_folder)(const char* path);
+    void (*sleep_ms)(int ms);
+};
+const ReplaceSteps& system_replace_steps();
 
 // A mutex that needs no constructor to run: usable from the moment the
 // library is loaded, whatever order static initialisers run in. On Windows

@@ -97,7 +97,6 @@ int32_t MetronomeEngine::select_device(const char* id_text) {
 }
 
 int32_t MetronomeEngine::refresh_devices() {
-    if (!context_ready_) return ws_backend_init_failed;
     return catalogue_.refresh(&context_, frame::map_device_result_metronome);
 }
 
@@ -132,7 +131,6 @@ void MetronomeEngine::close_device() {
 }
 
 int32_t MetronomeEngine::open_device() {
-    if (!context_ready_) return ws_backend_init_failed;
     close_device();
 
     ma_device_id id;

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <memory>
 
+#include "frame/family.hpp"
 #include "metronome/core.hpp"
 #include "woodshed/metronome.h"
 
@@ -18,21 +19,23 @@ uint32_t block_frames(double rate) {
 }  // namespace
 
 extern "C" WS_API int64_t mn_render_offline(const MetronomeConfig* config, double sample_rate,
-                                            int64_t frames, int32_t channels, float* out) {
+                                            int64_t frames, int32_t channels, float* out) WS_NOEXCEPT {
     if (config == nullptr || out == nullptr || frames < 1 || channels < 1 || channels > 8) {
         return ws_invalid_argument;
     }
-    // Nothing may escape into the host; memory exhaustion here is fatal, as
-    // everywhere in the library.
-    auto core = std::make_unique<ws::metronome::MetronomeCore>();
-    core->prepare(sample_rate);
-    core->start(*config);
-    const uint32_t block = block_frames(core->sample_rate());
-    const size_t ch = static_cast<size_t>(channels);
-    for (int64_t done = 0; done < frames;) {
-        const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(block, frames - done));
-        core->render(out + static_cast<size_t>(done) * ch, n, static_cast<uint32_t>(channels));
-        done += n;
-    }
-    return frames;
+    // Memory for the core is the only thing that can fail here; it has no
+    // code of its own and ends the process.
+    return ws::frame::fatal_on_throw([&]() -> int64_t {
+        auto core = std::make_unique<ws::metronome::MetronomeCore>();
+        core->prepare(sample_rate);
+        core->start(*config);
+        const uint32_t block = block_frames(core->sample_rate());
+        const size_t ch = static_cast<size_t>(channels);
+        for (int64_t done = 0; done < frames;) {
+            const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(block, frames - done));
+            core->render(out + static_cast<size_t>(done) * ch, n, static_cast<uint32_t>(channels));
+            done += n;
+        }
+        return frames;
+    });
 }

@@ -8,6 +8,7 @@
 
 #include "takes/analysis.hpp"
 #include "takes/cleaning.hpp"
+#include "frame/platform.hpp"
 #include "takes/take_file.hpp"
 #include "woodshed/takes.h"
 
@@ -22,7 +23,10 @@ struct Loaded {
 };
 
 // The take whole, then the reference from the offset at the take's rate.
+// One file given as both is refused before anything is read: cleaning a
+// backing with itself would leave it near silent.
 int32_t load_pair(const char* reference_path, const char* take_path, int32_t offset_ms, Loaded& l) {
+    if (ws::platform::same_file(reference_path, take_path)) return ws_invalid_argument;
     uint32_t take_rate = 0, reference_rate = 0;
     if (!load_take_wav(take_path, 0, l.take, take_rate)) return ws_unsupported_format;
     if (!load_take_wav(reference_path, skip_frames(take_rate, offset_ms), l.reference,
@@ -49,8 +53,14 @@ int32_t analyze(const char* reference_path, const char* take_path, int32_t offse
     return ws_ok;
 }
 
+// Far beyond any take's length, and small enough that the lag arithmetic
+// of the cleaning cannot overflow.
+constexpr int64_t kMaxDelayFrames = int64_t{1} << 40;
+
 int32_t clean(const char* reference_path, const char* take_path, int32_t offset_ms,
               int64_t delay_frames, TakeCleaning* out) {
+    if (delay_frames < -kMaxDelayFrames || delay_frames > kMaxDelayFrames) return ws_invalid_argument;
+    ws::takes::restore_stranded_backup(take_path);
     Loaded l;
     const int32_t rc = load_pair(reference_path, take_path, offset_ms, l);
     if (rc != ws_ok) return rc;
@@ -76,7 +86,7 @@ int32_t clean(const char* reference_path, const char* take_path, int32_t offset_
 
 extern "C" WS_API int32_t ta_analyze(const char* reference_path, const char* take_path,
                                      int32_t reference_offset_ms, int32_t min_delay_ms,
-                                     int32_t max_delay_ms, TakeAnalysis* out) {
+                                     int32_t max_delay_ms, TakeAnalysis* out) WS_NOEXCEPT {
     if (out == nullptr) return ws_invalid_argument;
     std::memset(out, 0, sizeof *out);
     if (reference_path == nullptr || take_path == nullptr) return ws_invalid_argument;
@@ -93,7 +103,7 @@ extern "C" WS_API int32_t ta_analyze(const char* reference_path, const char* tak
 
 extern "C" WS_API int32_t ta_clean(const char* reference_path, const char* take_path,
                                    int32_t reference_offset_ms, int64_t delay_frames,
-                                   TakeCleaning* out) {
+                                   TakeCleaning* out) WS_NOEXCEPT {
     if (out == nullptr) return ws_invalid_argument;
     std::memset(out, 0, sizeof *out);
     if (reference_path == nullptr || take_path == nullptr) return ws_invalid_argument;

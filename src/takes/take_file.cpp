@@ -1,21 +1,12 @@
 #include "takes/take_file.hpp"
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <new>
-#include <thread>
 
 #include "frame/platform.hpp"
 #include "frame/wav_header.hpp"
-
-#if defined(_WIN32)
-#  ifndef WIN32_LEAN_AND_MEAN
-#    define WIN32_LEAN_AND_MEAN
-#  endif
-#  include <windows.h>
-#endif
 
 namespace ws::takes {
 
@@ -202,36 +193,12 @@ bool load(Source& src, uint64_t skip, std::vector<float>& out, uint32_t& rate) {
     return true;
 }
 
-std::FILE* sys_open(const char* path, const char* mode) { return platform::open_file(path, mode); }
-bool sys_remove(const char* path) { return platform::remove_file(path); }
-bool sys_rename(const char* from, const char* to) { return platform::rename_file(from, to); }
-void sys_sleep(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
-
-// Whether the file at path may be changed: it opens for update (which fails
-// for a file another program holds without sharing) and, on Windows, does
-// not carry the read-only attribute, which an administrator's open would
-// not notice everywhere.
-bool sys_writable(const char* path) {
-#if defined(_WIN32)
-    const int n = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path, -1, nullptr, 0);
-    if (n <= 1) return false;
-    std::wstring wide(static_cast<size_t>(n), L'\0');
-    if (MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path, -1, wide.data(), n) != n) return false;
-    const DWORD attributes = GetFileAttributesW(wide.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_READONLY) != 0) return false;
-#endif
-    std::FILE* f = platform::open_file(path, "r+b");
-    if (f == nullptr) return false;
-    std::fclose(f);
-    return true;
-}
-
-// Header and samples into an open file; false on any short write or a
-// failing flush. The file is not closed here.
-bool write_samples(std::FILE* f, const float* samples, uint64_t count, int32_t rate) {
+// Header and samples through the steps' write; false on any short write.
+bool write_samples(const platform::ReplaceSteps& steps, std::FILE* f, const float* samples,
+                   uint64_t count, int32_t rate) {
     const auto header = frame::mono16_wav_header(static_cast<uint32_t>(rate),
                                                  static_cast<uint32_t>(count) * 2u);
-    if (std::fwrite(header.data(), 1, header.size(), f) != header.size()) return false;
+    if (!steps.write(f, header.data(), header.size())) return false;
     constexpr size_t kBlock = 4096;
     uint8_t block[kBlock * 2];
     for (uint64_t done = 0; done < count;) {
@@ -241,17 +208,36 @@ bool write_samples(std::FILE* f, const float* samples, uint64_t count, int32_t r
             block[2 * i] = static_cast<uint8_t>(v & 0xFFu);
             block[2 * i + 1] = static_cast<uint8_t>(v >> 8);
         }
-        if (std::fwrite(block, 1, n * 2, f) != n * 2) return false;
+        if (!steps.write(f, block, n * 2)) return false;
         done += n;
     }
-    return std::fflush(f) == 0;
+    return true;
+}
+
+// A temporary that an interrupted call of ours left: a plain file of this
+// user, with one name, holding nothing or the start of a WAV file. It is
+// removed; anything else at that name (a link someone planted, another
+// user's file, a second name of some file, foreign content) is left alone
+// and ends the replacement.
+bool clear_stale_temp(const std::string& temp) {
+    const platform::FileStatus st = platform::file_status(temp.c_str(), false);
+    if (st.kind == platform::FileStatus::missing) return true;
+    if (st.kind != platform::FileStatus::regular || !st.owned_by_me || st.links != 1) return false;
+    std::FILE* f = platform::open_regular_for_reading(temp.c_str(), false);
+    if (f == nullptr) return false;
+    uint8_t head[12] = {};
+    const size_t got = std::fread(head, 1, sizeof head, f);
+    std::fclose(f);
+    const bool riff = std::memcmp(head, "RIFF", std::min<size_t>(got, 4)) == 0 &&
+                      (got < 12 || std::memcmp(head + 8, "WAVE", 4) == 0);
+    return riff && platform::remove_file(temp.c_str());
 }
 
 }  // namespace
 
 bool load_take_wav(const char* path, uint64_t skip, std::vector<float>& out, uint32_t& rate) {
     if (path == nullptr) return false;
-    std::FILE* f = platform::open_file(path, "rb");
+    std::FILE* f = platform::open_regular_for_reading(path);
     if (f == nullptr) return false;
     FileSource src(f);  // closes the file on every way out
     return load(src, skip, out, rate);
@@ -264,11 +250,6 @@ bool load_take_wav_bytes(const uint8_t* bytes, size_t size, uint64_t skip, std::
     return load(src, skip, out, rate);
 }
 
-const FileOps& system_file_ops() {
-    static const FileOps ops{sys_open, sys_remove, sys_rename, sys_writable, sys_sleep};
-    return ops;
-}
-
 int16_t to_pcm16(float x) {
     float v = x * 32767.0f;
     if (!(v < 32767.0f)) v = 32767.0f;  // also NaN
@@ -277,59 +258,66 @@ int16_t to_pcm16(float x) {
 }
 
 bool store_take_wav_safely(const char* path, const float* samples, uint64_t count, int32_t rate,
-                           const FileOps& ops) {
+                           const platform::ReplaceSteps& steps) {
     if (path == nullptr || samples == nullptr || rate < 1) return false;
-    std::string temp, backup;
     try {
-        temp = std::string(path) + kTempSuffix;
-        backup = std::string(path) + kBackupSuffix;
+        // A link is replaced at its target, so that it stays a link and the
+        // temporary lies on the target's file system.
+        std::string target;
+        if (!platform::resolve_links(path, target)) return false;
+        const auto kind = platform::file_status(target.c_str(), true).kind;
+        if (kind != platform::FileStatus::regular && kind != platform::FileStatus::missing) return false;
+        const bool existed = kind == platform::FileStatus::regular;
+
+        // Renaming ignores the read-only attribute on Windows (and file modes
+        // on POSIX): a take its owner protected must not be replaced behind
+        // their back. A file another program holds fails the same check for
+        // a while, hence the retries.
+        bool writable = !existed;
+        for (int attempt = 0; attempt < kAttempts && !writable; ++attempt) {
+            writable = platform::can_write(target.c_str());
+            if (!writable) steps.sleep_ms(kRetrySleepMs);
+        }
+        if (!writable) return false;
+
+        const std::string temp = target + kTempSuffix;
+        std::FILE* f = nullptr;
+        for (int attempt = 0; attempt < kAttempts && f == nullptr; ++attempt) {
+            if (!clear_stale_temp(temp)) return false;
+            f = steps.create_new(temp.c_str());
+            if (f == nullptr) steps.sleep_ms(kRetrySleepMs);
+        }
+        if (f == nullptr) return false;
+        bool ok = write_samples(steps, f, samples, count, rate) && steps.flush(f) && steps.sync(f) &&
+                  steps.copy_mode(f, target.c_str());
+        if (std::fclose(f) != 0) ok = false;
+        for (int attempt = 0; ok && attempt < kAttempts; ++attempt) {
+            if (steps.replace(temp.c_str(), target.c_str())) {
+                // The new take is in place; a folder that cannot be synced
+                // cannot undo that, so its result does not change the answer.
+                steps.sync_folder(target.c_str());
+                return true;
+            }
+            steps.sleep_ms(kRetrySleepMs);
+        }
+        platform::remove_file(temp.c_str());
+        return false;
     } catch (const std::bad_alloc&) {
         return false;
     }
+}
 
-    // The new file, complete on disk, before anything else is touched.
-    bool written = false;
-    for (int attempt = 0; attempt < kAttempts && !written; ++attempt) {
-        std::FILE* f = ops.open(temp.c_str(), "wb");
-        if (f != nullptr) {
-            written = write_samples(f, samples, count, rate);
-            if (std::fclose(f) != 0) written = false;
-            if (written) break;
-            // A file that opened but could not be written is not retried.
-            ops.remove(temp.c_str());
-            return false;
-        }
-        ops.sleep_ms(kRetrySleepMs);
-    }
-    if (!written) return false;
-
-    // An existing take is moved aside only if it could be written: renaming
-    // ignores the read-only attribute on Windows (and file modes on POSIX),
-    // and a take its owner protected must not be replaced behind their back.
-    // A file another program holds fails the same check, and is retried.
-    std::FILE* probe = ops.open(path, "rb");
-    const bool existed = probe != nullptr;
-    if (probe != nullptr) std::fclose(probe);
-    ops.remove(backup.c_str());
-    bool moved = false;
-    for (int attempt = 0; attempt < kAttempts && !moved; ++attempt) {
-        moved = (!existed || ops.writable(path)) && ops.rename(path, backup.c_str());
-        if (!moved) ops.sleep_ms(kRetrySleepMs);
-    }
-    if (existed && !moved) {
-        ops.remove(temp.c_str());
+bool restore_stranded_backup(const char* path) {
+    if (path == nullptr || platform::file_status(path, false).kind != platform::FileStatus::missing) {
         return false;
     }
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        if (ops.rename(temp.c_str(), path)) {
-            if (moved) ops.remove(backup.c_str());
-            return true;
-        }
-        ops.sleep_ms(kRetrySleepMs);
+    try {
+        const std::string backup = std::string(path) + kBackupSuffix;
+        return platform::file_status(backup.c_str(), false).kind == platform::FileStatus::regular &&
+               platform::rename_no_replace(backup.c_str(), path);
+    } catch (const std::bad_alloc&) {
+        return false;
     }
-    if (moved) ops.rename(backup.c_str(), path);
-    ops.remove(temp.c_str());
-    return false;
 }
 
 }  // namespace ws::takes

@@ -10,7 +10,23 @@
 
 namespace ws::tuner {
 
-TunerEngine::TunerEngine(const TunerConfig* config)
+bool StallWatch::lost(uint64_t callbacks, bool capturing, clock::time_point now) {
+    if (!armed_ || callbacks != last_ || !capturing) {
+        rearm(callbacks, now);
+        return false;
+    }
+    if (now - since_ <= limit_) return false;
+    since_ = now;
+    return true;
+}
+
+void StallWatch::rearm(uint64_t callbacks, clock::time_point now) {
+    armed_ = true;
+    last_ = callbacks;
+    since_ = now;
+}
+
+TunerEngine::TunerEngine(const TunerConfig* config, bool thread)
     : analyser_(config), scratch_(new float[kScratch]()) {
     status_.change_count = 1;
     const ma_context_config cfg = ma_context_config_init();
@@ -23,7 +39,7 @@ TunerEngine::TunerEngine(const TunerConfig* config)
         return;
     }
     running_ = true;
-    thread_ = platform::start_thread([this] { worker(); });
+    if (thread) thread_ = platform::start_thread([this] { worker(); });
 }
 
 TunerEngine::~TunerEngine() {
@@ -68,7 +84,6 @@ void TunerEngine::copy_status(TunerStatus* out) {
 int32_t TunerEngine::copy_reading(TunerReading* out) const { return reading_.read(out) ? 1 : 0; }
 
 int32_t TunerEngine::refresh_devices() {
-    if (!context_ready_) return ws_backend_init_failed;
     return catalogue_.refresh(&context_, frame::map_device_result);
 }
 
@@ -94,7 +109,6 @@ void TunerEngine::close_device() {
 }
 
 int32_t TunerEngine::open_device(const std::string& id_text) {
-    if (!context_ready_) return ws_backend_init_failed;
     capturing_ = false;
     close_device();
 
@@ -116,12 +130,15 @@ int32_t TunerEngine::open_device(const std::string& id_text) {
     if (r == MA_SUCCESS) {
         device_open_ = true;
         {
-            std::lock_guard<std::mutex> guard(analyser_lock_);
-            analyser_.reset(device_.sampleRate);
+            std::lock_guard<std::mutex> pass(pass_lock_);
+            {
+                std::lock_guard<std::mutex> guard(analyser_lock_);
+                analyser_.reset(device_.sampleRate);
+            }
+            ring_.reset();
+            reading_.clear();
+            callbacks_ = 0;
         }
-        ring_.reset();
-        reading_.clear();
-        callbacks_ = 0;
         capturing_ = true;
         r = ma_device_start(&device_);
         if (r != MA_SUCCESS) {
@@ -172,47 +189,46 @@ void TunerEngine::on_notification(const ma_device_notification* note) {
 
 void TunerEngine::worker() {
     using clock = std::chrono::steady_clock;
-    uint64_t last_count = 0;
-    auto last_progress = clock::now();
     while (running_.load(std::memory_order_acquire)) {
-        // A capture stream that went quiet while it should run is lost too.
-        const uint64_t seen = callbacks_.load(std::memory_order_relaxed);
-        const auto now = clock::now();
-        if (seen != last_count || !capturing_.load(std::memory_order_acquire)) {
-            last_count = seen;
-            last_progress = now;
-        } else if (now - last_progress > kStallLimit) {
-            reopen_request_ = true;
-            last_progress = now;
-        }
-
-        if (reopen_request_.exchange(false) && capturing_.load(std::memory_order_acquire)) {
-            std::lock_guard<std::mutex> guard(device_lock_);
-            {
-                std::lock_guard<std::mutex> status(status_lock_);
-                status_.state = tn_engine_reopening;
-                status_.result = ws_ok;
-                status_.backend_result = 0;
-                ++status_.change_count;
-            }
-            if (open_device(selected_id_) != ws_ok) open_device(std::string());
-            last_count = callbacks_.load(std::memory_order_relaxed);
-            last_progress = clock::now();
-        }
-
-        if (ring_.take_overflow()) {
-            std::lock_guard<std::mutex> guard(analyser_lock_);
-            analyser_.reset(analyser_.sample_rate());
-        }
-
-        ring_.drain(scratch_.get(), kScratch, [this](const float* run, size_t n) {
-            std::lock_guard<std::mutex> guard(analyser_lock_);
-            analyser_.push(run, n);
-            TunerReading reading;
-            if (analyser_.take_reading(&reading)) reading_.publish(reading);
-        });
+        step(clock::now());
         std::this_thread::sleep_until(clock::now() + kWorkerPeriod);
     }
+}
+
+void TunerEngine::step(std::chrono::steady_clock::time_point now) {
+    if (stall_.lost(callbacks_.load(std::memory_order_relaxed), capturing_.load(std::memory_order_acquire),
+                    now)) {
+        reopen_request_ = true;
+    }
+    if (reopen_request_.exchange(false)) reopen(now);
+
+    std::lock_guard<std::mutex> pass(pass_lock_);
+    if (ring_.take_overflow()) {
+        std::lock_guard<std::mutex> guard(analyser_lock_);
+        analyser_.reset(analyser_.sample_rate());
+    }
+    ring_.drain(scratch_.get(), kScratch, [this](const float* run, size_t n) {
+        std::lock_guard<std::mutex> guard(analyser_lock_);
+        analyser_.push(run, n);
+        TunerReading reading;
+        if (analyser_.take_reading(&reading)) reading_.publish(reading);
+    });
+}
+
+void TunerEngine::reopen(std::chrono::steady_clock::time_point now) {
+    std::lock_guard<std::mutex> guard(device_lock_);
+    // Checked again under the lock: a stop that came after the request
+    // (between the request and this lock) must not be undone.
+    if (!capturing_.load(std::memory_order_acquire)) return;
+    {
+        std::lock_guard<std::mutex> status(status_lock_);
+        status_.state = tn_engine_reopening;
+        status_.result = ws_ok;
+        status_.backend_result = 0;
+        ++status_.change_count;
+    }
+    if (open_device(selected_id_) != ws_ok) open_device(std::string());
+    stall_.rearm(callbacks_.load(std::memory_order_relaxed), now);
 }
 
 }  // namespace ws::tuner

@@ -4,12 +4,14 @@
 // What callers may assume: every public method except copy_reading runs on
 // a host thread with the tuner family's mutex held; pointers are non-null
 // (the export layer checks them). Lock order below the family mutex: device
-// lock, then one of catalogue, analyser or status lock, never two of those.
+// lock, then the pass lock, then one of catalogue, analyser or status lock,
+// never two of those.
 #pragma once
 
 #include <miniaudio.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -24,6 +26,26 @@
 
 namespace ws::tuner {
 
+// The rule that a capture stream which should be running but has delivered
+// no callback for longer than `limit` is lost (some back ends kill a stream
+// without telling anyone). Driven by the caller's clock.
+class StallWatch {
+public:
+    using clock = std::chrono::steady_clock;
+    explicit StallWatch(clock::duration limit) : limit_(limit) {}
+    // Once a pass: true when the stream counts as lost, after which the
+    // count starts anew.
+    bool lost(uint64_t callbacks, bool capturing, clock::time_point now);
+    // A fresh stream: counting starts now.
+    void rearm(uint64_t callbacks, clock::time_point now);
+
+private:
+    clock::duration limit_;
+    uint64_t last_ = 0;
+    clock::time_point since_{};
+    bool armed_ = false;
+};
+
 class TunerEngine {
 public:
     static constexpr size_t kRingCapacity = 32768;
@@ -34,7 +56,9 @@ public:
     // telling anyone.
     static constexpr auto kStallLimit = std::chrono::milliseconds(2000);
 
-    explicit TunerEngine(const TunerConfig* config);
+    // `thread` false leaves the worker's passes to the caller (step), for
+    // tests that drive its clock.
+    explicit TunerEngine(const TunerConfig* config, bool thread = true);
     ~TunerEngine();
     TunerEngine(const TunerEngine&) = delete;
     TunerEngine& operator=(const TunerEngine&) = delete;
@@ -50,6 +74,10 @@ public:
     int32_t refresh_devices();
     int32_t get_device(int32_t index, DeviceRecord* out) const;
 
+    // One pass of the worker at time `now`: the stall rule, a requested
+    // reopen, then the ring drained into the analyser.
+    void step(std::chrono::steady_clock::time_point now);
+
 private:
     // Audio thread: no locks, no allocation, no blocking.
     static void on_data(ma_device* device, void* output, const void* input, ma_uint32 frames);
@@ -58,6 +86,7 @@ private:
     int32_t open_device(const std::string& id_text);  // device lock held
     void close_device();                               // device lock held
     void worker();
+    void reopen(std::chrono::steady_clock::time_point now);
     void set_status(uint32_t state, int32_t result, int32_t backend);
 
     ma_context context_{};
@@ -78,6 +107,11 @@ private:
     TunerStatus status_{};
 
     std::mutex device_lock_;
+    // Held by the worker for each drain, and by open_device while it resets
+    // the ring, the analyser and the reading: the worker is then known to be
+    // between passes, and the new device has not started yet.
+    std::mutex pass_lock_;
+    StallWatch stall_{kStallLimit};
     std::thread thread_;
     std::atomic<bool> running_{false};
     std::atomic<bool> capturing_{false};

@@ -11,7 +11,8 @@
 #include <string>
 #include <vector>
 
-#if defined(__linux__)
+#include <cstdlib>
+#if !defined(_WIN32)
 #  include <sys/stat.h>
 #  include <sys/wait.h>
 #  include <unistd.h>
@@ -20,7 +21,7 @@
 #  include <filesystem>
 #endif
 
-#include "frame/wav_header.hpp"
+#include "frame/platform.hpp"
 #include "take_signals.hpp"
 #include "takes/take_file.hpp"
 
@@ -244,7 +245,6 @@ TEST(TakeWriter, SixteenBitConversionIsExact) {
 TEST(TakeWriter, WritesTheCanonicalHeaderAndSamples) {
     s::TempDir dir;
     const std::string path = dir.file("take.wav");
-    ASSERT_TRUE(s::write_file(path, {0}));  // an old take, so no waiting to move it aside
     const std::vector<float> x = {0.0f, 1.0f, -1.0f, 0.25f, -2.0f};
     ASSERT_TRUE(store_take_wav_safely(path.c_str(), x.data(), x.size(), 44100));
     const auto bytes = s::read_file(path);
@@ -254,23 +254,12 @@ TEST(TakeWriter, WritesTheCanonicalHeaderAndSamples) {
                                 2, 0, 16, 0, 'd', 'a', 't', 'a', 10, 0, 0, 0};
     EXPECT_EQ(std::memcmp(bytes.data(), header, 44), 0);
     EXPECT_EQ(s::read_mono16(path), (std::vector<int16_t>{0, 32767, -32767, 8192, -32768}));
-    EXPECT_EQ(s::read_file(path).size(), 54u);
     EXPECT_EQ(dir.list(), std::vector<std::string>{"take.wav"});
     // Reading it back gives value / 32768.
     std::vector<float> back;
     uint32_t rate = 0;
     ASSERT_TRUE(load_take_wav(path.c_str(), 0, back, rate));
     EXPECT_EQ(back[1], 32767.0f / 32768.0f);
-}
-
-TEST(TakeWriter, HeaderSizesWrapIn32Bits) {
-    auto h = ws::frame::mono16_wav_header(48000, 0);
-    EXPECT_EQ(h[4], 36);
-    EXPECT_EQ(h[40], 0);
-    h = ws::frame::mono16_wav_header(44100, 0xFFFFFFFEu);  // RIFF size wraps to 34
-    EXPECT_EQ(h[4], 34);
-    EXPECT_EQ(h[5] | h[6] | h[7], 0);
-    EXPECT_EQ(h[40], 0xFE);
 }
 
 TEST(TakeWriter, RefusesMissingArgumentsWithoutTouchingTheDisk) {
@@ -286,242 +275,208 @@ TEST(TakeWriter, RefusesMissingArgumentsWithoutTouchingTheDisk) {
     EXPECT_EQ(dir.list(), std::vector<std::string>{"take.wav"});
 }
 
-// ---- the replacement sequence under failure ---------------------------------
+// ---- the replacement under failure and interruption --------------------------
 
-// File operations that pass through to the real ones unless a fault says
-// otherwise, count the waits instead of sleeping, and check after every
-// step that the take is on disk, old or new.
-struct Faults {
-    int failing_opens = 0;              // the first n opens fail
-    bool unwritable_temp = false;       // the temporary opens but refuses writes
-    bool read_only_take = false;        // the take cannot be opened for writing
-    int failing_moves_aside = 0;        // take -> backup
-    int failing_puts_in_place = 0;      // temporary -> take
-    bool failing_restore = false;       // backup -> take
-    int sleeps = 0;
-    std::string take, temp, backup;
-    std::vector<uint8_t> old_bytes, new_bytes;
-    bool had_old = true;
-    int invariant_breaks = 0;
+// Every step of the replacement through a seam that makes one of them fail,
+// or ends the process just after it (as a crash or a kill would: buffered
+// data is lost), and counts waits instead of sleeping.
+enum Step { kCreate, kWrite, kFlush, kSync, kChmod, kReplace, kSyncFolder, kSteps };
+const char* const kStepNames[kSteps] = {"create temp", "write", "flush", "sync", "chmod", "replace", "sync folder"};
 
-    void check() {
-        const bool take_ok = s::exists(take) && (s::read_file(take) == new_bytes ||
-                                                 (had_old && s::read_file(take) == old_bytes));
-        const bool aside = !s::exists(take) && (!had_old || s::read_file(backup) == old_bytes);
-        if (!take_ok && !aside) ++invariant_breaks;
-    }
+struct Seam {
+    int fail_at = -1, exit_after = -1;
 };
-Faults* g_faults = nullptr;
+Seam g_seam;
+const ws::platform::ReplaceSteps& real() { return ws::platform::system_replace_steps(); }
 
-std::FILE* fault_open(const char* path, const char* mode) {
-    Faults& f = *g_faults;
-    if (f.failing_opens > 0) {
-        --f.failing_opens;
-        return nullptr;
+template <class Result, class Call>
+Result step(Step s, Result failure, Call&& call) {
+    if (g_seam.fail_at == s) return failure;
+    const Result r = call();
+    if (g_seam.exit_after == s) std::_Exit(0);
+    return r;
+}
+
+const ws::platform::ReplaceSteps kSeam{
+    [](const char* p) { return step<std::FILE*>(kCreate, nullptr, [&] { return real().create_new(p); }); },
+    [](std::FILE* f, const void* d, size_t n) { return step(kWrite, false, [&] { return real().write(f, d, n); }); },
+    [](std::FILE* f) { return step(kFlush, false, [&] { return real().flush(f); }); },
+    [](std::FILE* f) { return step(kSync, false, [&] { return real().sync(f); }); },
+    [](std::FILE* f, const char* m) { return step(kChmod, false, [&] { return real().copy_mode(f, m); }); },
+    [](const char* a, const char* b) { return step(kReplace, false, [&] { return real().replace(a, b); }); },
+    [](const char* p) { return step(kSyncFolder, false, [&] { return real().sync_folder(p); }); },
+    [](int) {},
+};
+
+const std::vector<float> kNew = {0.5f, -0.25f, 0.125f};
+const std::vector<uint8_t> kOld = s::wav16({0.1f, 0.2f}, 44100);
+
+bool store_new(const std::string& path, const ws::platform::ReplaceSteps& steps = real()) {
+    return store_take_wav_safely(path.c_str(), kNew.data(), kNew.size(), 44100, steps);
+}
+
+std::vector<uint8_t> new_bytes() {
+    s::TempDir scratch;
+    const std::string p = scratch.file("n.wav");
+    EXPECT_TRUE(store_new(p));
+    return s::read_file(p);
+}
+
+#if !defined(_WIN32)
+int mode_of(const std::string& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 07777) : -1;
+}
+#endif
+
+// Each step failing, and the process ending after each step: the take is
+// always the old file or the new one, complete; only a kill before the
+// replace leaves the temporary, and the next call copes with it.
+TEST(TakeReplacement, FaultMatrix) {
+    const auto fresh = new_bytes();
+    for (int kill = 0; kill < 2; ++kill) {
+        for (int at = kCreate; at < kSteps; ++at) {
+            const std::string cell = std::string(kill ? "killed after " : "failing ") + kStepNames[at];
+            SCOPED_TRACE(cell);
+            s::TempDir dir;
+            const std::string take = dir.file("take.wav"), temp = take + ".tawtmp";
+            ASSERT_TRUE(s::write_file(take, kOld));
+            bool ok = false;
+            if (!kill) {
+                g_seam = Seam{at, -1};
+                ok = store_new(take, kSeam);
+                g_seam = Seam{};
+            } else {
+#if defined(_WIN32)
+                continue;  // no fork
+#else
+                ASSERT_EQ(::chmod(take.c_str(), 0640), 0);
+                const pid_t child = ::fork();
+                ASSERT_GE(child, 0);
+                if (child == 0) {
+                    g_seam = Seam{-1, at};
+                    store_new(take, kSeam);
+                    std::_Exit(3);  // the step never came
+                }
+                int status = 0;
+                ASSERT_EQ(::waitpid(child, &status, 0), child);
+                ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+                ok = true;
+#endif
+            }
+            const bool replaced = kill ? at >= kReplace : at == kSyncFolder;
+            EXPECT_EQ(ok, replaced || kill);
+            const auto now = s::read_file(take);
+            EXPECT_EQ(now, replaced ? fresh : kOld);
+            const bool temp_left = kill && at < kReplace;
+            EXPECT_EQ(s::exists(temp), temp_left);
+            if (kill) {
+                EXPECT_TRUE(store_new(take)) << "after the kill";
+                EXPECT_EQ(s::read_file(take), fresh);
+#if !defined(_WIN32)
+                EXPECT_EQ(mode_of(take), 0640);
+#endif
+            }
+            EXPECT_EQ(dir.list(), std::vector<std::string>{"take.wav"});
+            std::printf("  %-26s -> %s, %s\n", cell.c_str(), now == fresh ? "new take" : now == kOld ? "old take" : "DAMAGED",
+                        temp_left ? "temporary left, cleared by the next call" : "no temporary");
+        }
     }
-    if (f.unwritable_temp) {
-        std::FILE* made = ws::takes::system_file_ops().open(path, mode);
-        if (made != nullptr) std::fclose(made);
-        return ws::takes::system_file_ops().open(path, "rb");
-    }
-    return ws::takes::system_file_ops().open(path, mode);
 }
 
-bool fault_rename(const char* from, const char* to) {
-    Faults& f = *g_faults;
-    const std::string a = from, b = to;
-    int* budget = nullptr;
-    if (a == f.take && b == f.backup) budget = &f.failing_moves_aside;
-    if (a == f.temp && b == f.take) budget = &f.failing_puts_in_place;
-    if (budget != nullptr && *budget > 0) {
-        --*budget;
-        return false;
-    }
-    if (a == f.backup && b == f.take && f.failing_restore) return false;
-    const bool ok = ws::takes::system_file_ops().rename(from, to);
-    f.check();
-    return ok;
-}
-
-bool fault_remove(const char* path) {
-    const bool ok = ws::takes::system_file_ops().remove(path);
-    g_faults->check();
-    return ok;
-}
-
-bool fault_writable(const char* path) {
-    if (g_faults->read_only_take && path == g_faults->take) return false;
-    return ws::takes::system_file_ops().writable(path);
-}
-
-void fault_sleep(int ms) {
-    EXPECT_EQ(ms, 20);
-    ++g_faults->sleeps;
-}
-
-constexpr ws::takes::FileOps kFaultOps{fault_open, fault_remove, fault_rename, fault_writable, fault_sleep};
-
-TEST(TakeReplacement, TheTakeIsAlwaysOldOrNewAndNoTemporaryStays) {
-    constexpr int kAlways = 1000;
-    struct Row {
-        const char* what;
-        bool has_old, stale_backup;
-        int failing_opens;
-        bool unwritable;
-        int failing_moves, failing_puts;
-        bool failing_restore, read_only;
-        bool result;
-        int sleeps;
-        const char* on_disk;  // "new", "old", or "old as backup"
-    };
+#if !defined(_WIN32)
+// What somebody else may have put at the temporary's name is never written
+// through, removed or followed; a leftover of ours is cleared.
+TEST(TakeReplacement, WhateverIsAtTheTemporaryName) {
+    struct Row { const char* what; int (*plant)(const std::string& temp, const std::string& dir); bool stored; };
     const Row rows[] = {
-        {"replace an existing take", true, false, 0, false, 0, 0, false, false, true, 0, "new"},
-        {"a stale backup is replaced too", true, true, 0, false, 0, 0, false, false, true, 0, "new"},
-        {"no take yet: ten tries to move it aside", false, false, 0, false, 0, 0, false, false, true, 10, "new"},
-        {"temporary opens on the tenth try", true, false, 9, false, 0, 0, false, false, true, 9, "new"},
-        {"temporary never opens", true, false, kAlways, false, 0, 0, false, false, false, 10, "old"},
-        {"temporary cannot be written", true, false, 0, true, 0, 0, false, false, false, 0, "old"},
-        {"take moves aside on the last try", true, false, 0, false, 9, 0, false, false, true, 9, "new"},
-        {"take never moves aside: not replaced", true, false, 0, false, kAlways, 0, false, false, false, 10, "old"},
-        {"directory refuses the new name: old one restored", true, false, 0, false, 0, kAlways, false, false,
-         false, 10, "old"},
-        {"new one in place on the last try", true, false, 0, false, 0, 9, false, false, true, 9, "new"},
-        {"read-only take: not replaced", true, false, 0, false, 0, 0, false, true, false, 10, "old"},
-        {"restore fails too: old one stays as the backup", true, false, 0, false, 0, kAlways, true, false,
-         false, 10, "old as backup"},
+        {"link to another file", [](const std::string& t, const std::string& d) { return ::symlink((d + "/victim").c_str(), t.c_str()); }, false},
+        {"link to nowhere", [](const std::string& t, const std::string& d) { return ::symlink((d + "/nowhere").c_str(), t.c_str()); }, false},
+        {"second name of another file", [](const std::string& t, const std::string& d) { return ::link((d + "/victim").c_str(), t.c_str()); }, false},
+        {"a foreign file", [](const std::string& t, const std::string&) { return s::write_file(t, {'m', 'i', 'n', 'e'}) ? 0 : -1; }, false},
+        {"a directory", [](const std::string& t, const std::string&) { return ::mkdir(t.c_str(), 0755); }, false},
+        {"a half-written temporary of ours", [](const std::string& t, const std::string&) { return s::write_file(t, std::vector<uint8_t>(kOld.begin(), kOld.begin() + 30)) ? 0 : -1; }, true},
+        {"an empty temporary of ours", [](const std::string& t, const std::string&) { return s::write_file(t, {}) ? 0 : -1; }, true},
     };
-    const std::vector<float> samples = {0.5f, -0.25f, 0.125f};
-    std::vector<uint8_t> new_bytes;
-    {
-        // The expected new file, made by the real writer elsewhere.
-        s::TempDir scratch;
-        const std::string p = scratch.file("n.wav");
-        ASSERT_TRUE(s::write_file(p, {0}));
-        ASSERT_TRUE(store_take_wav_safely(p.c_str(), samples.data(), samples.size(), 44100));
-        new_bytes = s::read_file(p);
-    }
+    const auto fresh = new_bytes();
+    const std::vector<uint8_t> victim = {'v', 'i', 'c', 't', 'i', 'm'};
     for (const auto& r : rows) {
         SCOPED_TRACE(r.what);
         s::TempDir dir;
-        Faults f;
-        f.take = dir.file("take.wav");
-        f.temp = f.take + ".tawtmp";
-        f.backup = f.take + ".tawbak";
-        f.had_old = r.has_old;
-        f.old_bytes = s::wav16({0.1f, 0.2f}, 44100);
-        f.failing_opens = r.failing_opens;
-        f.unwritable_temp = r.unwritable;
-        f.failing_moves_aside = r.failing_moves;
-        f.failing_puts_in_place = r.failing_puts;
-        f.failing_restore = r.failing_restore;
-        f.read_only_take = r.read_only;
-        f.new_bytes = new_bytes;
-        if (r.has_old) {
-            ASSERT_TRUE(s::write_file(f.take, f.old_bytes));
-        }
-        if (r.stale_backup) {
-            ASSERT_TRUE(s::write_file(f.backup, {7, 7, 7}));
-        }
-        g_faults = &f;
-        const bool ok = store_take_wav_safely(f.take.c_str(), samples.data(), samples.size(), 44100, kFaultOps);
-        g_faults = nullptr;
-        EXPECT_EQ(ok, r.result);
-        EXPECT_EQ(f.sleeps, r.sleeps);
-        EXPECT_EQ(f.invariant_breaks, 0);
-        EXPECT_FALSE(s::exists(f.temp));
-        const std::string on_disk = r.on_disk;
-        if (on_disk == "new") {
-            EXPECT_EQ(s::read_file(f.take), f.new_bytes);
-            EXPECT_FALSE(s::exists(f.backup));
-        } else if (on_disk == "old") {
-            EXPECT_EQ(s::read_file(f.take), f.old_bytes);
-            EXPECT_FALSE(s::exists(f.backup));
+        const std::string take = dir.file("take.wav"), temp = take + ".tawtmp";
+        ASSERT_TRUE(s::write_file(take, kOld));
+        ASSERT_TRUE(s::write_file(dir.file("victim"), victim));
+        ASSERT_EQ(r.plant(temp, dir.path()), 0);
+        const auto entries = dir.list();
+        EXPECT_EQ(store_new(take), r.stored);
+        EXPECT_EQ(s::read_file(take), r.stored ? fresh : kOld);
+        EXPECT_EQ(s::read_file(dir.file("victim")), victim);
+        EXPECT_FALSE(s::exists(dir.file("nowhere")));
+        if (r.stored) {
+            EXPECT_EQ(dir.list(), (std::vector<std::string>{"take.wav", "victim"}));
         } else {
-            EXPECT_FALSE(s::exists(f.take));
-            EXPECT_EQ(s::read_file(f.backup), f.old_bytes);
+            EXPECT_EQ(dir.list(), entries);
         }
     }
 }
 
-// ---- the same contract against the real operating system ---------------------
-
-// What a refused replacement must leave: the old bytes under the take's
-// name and nothing else in the directory.
-void expect_refused_and_untouched(const std::string& take, const std::vector<uint8_t>& old_bytes) {
-    const std::vector<float> x(100, 0.25f);
-    EXPECT_FALSE(store_take_wav_safely(take.c_str(), x.data(), x.size(), 44100));
-    EXPECT_EQ(s::read_file(take), old_bytes);
-    EXPECT_FALSE(s::exists(take + ".tawtmp"));
-    EXPECT_FALSE(s::exists(take + ".tawbak"));
-}
-
-#if defined(__linux__)
-TEST(TakeReplacement, AnImmutableTakeIsLeftAsItWas) {
+// A take that is a link stays one: the file it leads to is replaced, with
+// its mode.
+TEST(TakeReplacement, ALinkedTakeIsReplacedAtItsTarget) {
     s::TempDir dir;
-    const std::string take = dir.file("take.wav");
-    const auto old_bytes = s::wav16({0.1f, 0.2f, 0.3f}, 44100);
-    ASSERT_TRUE(s::write_file(take, old_bytes));
-    if (!s::set_immutable(take, true)) GTEST_SKIP() << "no immutable attribute here";
-    expect_refused_and_untouched(take, old_bytes);
-    s::set_immutable(take, false);
-}
-
-// Root may change any directory, so as root the attempt runs in a child
-// process that has given up its privileges first.
-TEST(TakeReplacement, ADirectoryThatRefusesChangesLeavesTheTake) {
-    s::TempDir dir;
-    const std::string take = dir.file("take.wav");
-    const auto old_bytes = s::wav16({0.1f, 0.2f, 0.3f}, 44100);
-    ASSERT_TRUE(s::write_file(take, old_bytes));
-    const std::vector<float> x(100, 0.25f);
-    if (::geteuid() != 0) {
-        ASSERT_EQ(::chmod(dir.path().c_str(), 0555), 0);
-        expect_refused_and_untouched(take, old_bytes);
-        ::chmod(dir.path().c_str(), 0755);
-        return;
-    }
-    constexpr uid_t kNobody = 65534;
-    ASSERT_EQ(::chown(dir.path().c_str(), kNobody, kNobody), 0);
-    ASSERT_EQ(::chown(take.c_str(), kNobody, kNobody), 0);
-    ASSERT_EQ(::chmod(dir.path().c_str(), 0555), 0);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        if (::setgid(kNobody) != 0 || ::setuid(kNobody) != 0) ::_exit(2);
-        const bool stored = store_take_wav_safely(take.c_str(), x.data(), x.size(), 44100);
-        ::_exit(stored ? 1 : 0);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ::chmod(dir.path().c_str(), 0755);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "1: stored anyway, 2: could not drop privileges";
-    EXPECT_EQ(s::read_file(take), old_bytes);
-    EXPECT_EQ(dir.list(), std::vector<std::string>{"take.wav"});
-}
-
-TEST(TakeReplacement, AFullDiskLeavesTheTake) {
-    s::TempDir dir;
-    const std::string take = dir.file("take.wav");
-    const auto old_bytes = s::wav16({0.1f, 0.2f, 0.3f}, 44100);
-    ASSERT_TRUE(s::write_file(take, old_bytes));
-    // The temporary name leads to a device that is always full.
-    if (::symlink("/dev/full", (take + ".tawtmp").c_str()) != 0) GTEST_SKIP() << "no /dev/full";
-    expect_refused_and_untouched(take, old_bytes);
+    ASSERT_EQ(::mkdir(dir.file("real").c_str(), 0755), 0);
+    const std::string target = dir.file("real/take.wav"), link = dir.file("take.wav");
+    ASSERT_TRUE(s::write_file(target, kOld));
+    ASSERT_EQ(::chmod(target.c_str(), 0600), 0);
+    ASSERT_EQ(::symlink("real/take.wav", link.c_str()), 0);
+    ASSERT_TRUE(store_new(link));
+    struct stat st {};
+    ASSERT_EQ(::lstat(link.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    EXPECT_EQ(s::read_file(target), new_bytes());
+    EXPECT_EQ(mode_of(target), 0600);
+    EXPECT_EQ(dir.list(), (std::vector<std::string>{"real", "take.wav"}));
 }
 #endif
 
-#if defined(_WIN32)
-TEST(TakeReplacement, AReadOnlyTakeIsLeftAsItWas) {
+// A take its owner protected is left as it was: read-only on Windows,
+// immutable on Linux (read-only modes do not stop root there).
+TEST(TakeReplacement, AProtectedTakeIsLeftAsItWas) {
     s::TempDir dir;
     const std::string take = dir.file("take.wav");
-    const auto old_bytes = s::wav16({0.1f, 0.2f, 0.3f}, 44100);
-    ASSERT_TRUE(s::write_file(take, old_bytes));
+    ASSERT_TRUE(s::write_file(take, kOld));
+#if defined(_WIN32)
     const std::filesystem::path native(std::u8string(take.begin(), take.end()));
     std::filesystem::permissions(native, std::filesystem::perms::owner_write, std::filesystem::perm_options::remove);
-    expect_refused_and_untouched(take, old_bytes);
-    std::filesystem::permissions(native, std::filesystem::perms::owner_write, std::filesystem::perm_options::add);
-}
+#else
+    if (!s::set_immutable(take, true)) GTEST_SKIP() << "no immutable attribute here";
 #endif
+    EXPECT_FALSE(store_new(take));
+    EXPECT_EQ(s::read_file(take), kOld);
+    EXPECT_EQ(dir.list(), std::vector<std::string>{"take.wav"});
+#if defined(_WIN32)
+    std::filesystem::permissions(native, std::filesystem::perms::owner_write, std::filesystem::perm_options::add);
+#else
+    s::set_immutable(take, false);
+#endif
+}
+
+TEST(TakeReplacement, ANewTakeAndAStrandedBackup) {
+    s::TempDir dir;
+    const std::string take = dir.file("take.wav"), backup = take + ".tawbak";
+    // With no file yet, the new one simply appears.
+    ASSERT_TRUE(store_new(take));
+    EXPECT_EQ(s::read_file(take), new_bytes());
+    // A backup is never touched while the take is there...
+    ASSERT_TRUE(s::write_file(backup, kOld));
+    EXPECT_FALSE(ws::takes::restore_stranded_backup(take.c_str()));
+    ASSERT_TRUE(store_new(take));
+    EXPECT_EQ(s::read_file(backup), kOld);
+    // ...and takes the take's name back once it is missing.
+    ASSERT_TRUE(ws::platform::remove_file(take.c_str()));
+    EXPECT_TRUE(ws::takes::restore_stranded_backup(take.c_str()));
+    EXPECT_EQ(s::read_file(take), kOld);
+    EXPECT_EQ(dir.list(), std::vector<std::string>{"take.wav"});
+}
 
 }  // namespace
