@@ -1,6 +1,7 @@
 // woodshed: command-line front end. Each subcommand lives in its own
 // cmd_*.cpp and registers itself in the table below.
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <new>
 #include <string>
@@ -96,6 +97,15 @@ int run(const std::vector<std::string>& args) {
     } catch (const cli::UsageError& e) {
         std::fprintf(stderr, "woodshed: %s\n", e.what());
         return cli::kExitUsage;
+    } catch (const cli::InputError& e) {
+        std::fprintf(stderr, "woodshed: %s\n", e.what());
+        return cli::kExitInput;
+    } catch (const cli::DeviceError& e) {
+        std::fprintf(stderr, "woodshed: %s\n", e.what());
+        return cli::kExitDevice;
+    } catch (const cli::OutputError& e) {
+        std::fprintf(stderr, "woodshed: %s\n", e.what());
+        return cli::kExitOutput;
     } catch (const cli::Failure& e) {
         std::fprintf(stderr, "woodshed: %s\n", e.what());
         return cli::kExitFailure;
@@ -106,6 +116,18 @@ int run(const std::vector<std::string>& args) {
         std::fprintf(stderr, "woodshed: %s\n", e.what());
         return cli::kExitFailure;
     }
+}
+
+// Whatever ran, output that did not reach stdout (a full disk, a closed
+// pipe) is a failure of its own.
+int finish(int status) {
+    try {
+        cli::check_stdout();
+    } catch (const cli::OutputError& e) {
+        std::fprintf(stderr, "woodshed: %s\n", e.what());
+        return status != cli::kExitOk ? status : cli::kExitOutput;
+    }
+    return status;
 }
 
 }  // namespace
@@ -121,8 +143,14 @@ int wmain(int argc, wchar_t** argv) {
         if (n > 1) WideCharToMultiByte(CP_UTF8, 0, argv[i], -1, s.data(), n, nullptr, nullptr);
         args.push_back(std::move(s));
     }
-    return run(args);
+    return finish(run(args));
 }
 #else
-int main(int argc, char** argv) { return run(std::vector<std::string>(argv + 1, argv + argc)); }
+int main(int argc, char** argv) {
+#  if defined(SIGPIPE)
+    // A closed pipe is a write error to report, not a silent death.
+    std::signal(SIGPIPE, SIG_IGN);
+#  endif
+    return finish(run(std::vector<std::string>(argv + 1, argv + argc)));
+}
 #endif
