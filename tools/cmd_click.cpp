@@ -347,23 +347,16 @@ int run_live(const MetronomeConfig& cfg, const std::string& device_id, double se
     install_interrupt_handler();
     const FamilyInstance metronome(mn_create, mn_destroy, "metronome");
     const DeviceList outputs = read_devices("playback", mn_refresh_devices, mn_get_device);
-    const DeviceRecord* chosen = nullptr;
-    if (!device_id.empty()) {
-        chosen = find_device(outputs, device_id);
-        // The library would quietly play on the default output instead.
-        if (chosen == nullptr) {
-            throw Failure("no playback device has the ID '" + device_id +
-                          "' (see 'woodshed devices')");
-        }
-    } else {
-        chosen = default_device(outputs);
-    }
-    const int32_t started = mn_start(&cfg, device_id.c_str());
+    // The library would quietly play on the default output instead.
+    const DeviceRecord* chosen =
+        device_id.empty() ? default_device(outputs) : &resolve_device(outputs, device_id, "playback");
+    const int32_t started = mn_start(&cfg, device_id.empty() ? "" : chosen->id_text);
     MetronomeStatus st{};
     mn_get_status(&st);
     if (started != ws_ok) {
-        throw Failure(std::string("cannot open the ") + (device_id.empty() ? "default output" : "output") +
-                      ": " + result_text(started, st.backend_result));
+        if (outputs.devices.empty()) throw DeviceError(no_sound_text());
+        throw DeviceError(std::string("cannot open the ") + (device_id.empty() ? "default output" : "output") +
+                          ": " + result_text(started, st.backend_result));
     }
     std::printf("click: %s\n", wrap(describe(cfg), 7, 7).c_str());
     std::printf("playing on \"%s\", %u Hz; %s\n", chosen != nullptr ? chosen->name : "the default output",

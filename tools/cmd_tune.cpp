@@ -156,8 +156,7 @@ int run_tune(std::span<const std::string> args) {
     AudioReader reader(path, kMinRate, kMaxRate, kFallbackRate);
     const size_t channels = reader.channels();
     if (channels > static_cast<size_t>(kMaxChannels)) {
-        throw Failure("'" + path + "' has " + std::to_string(channels) +
-                      " channels; the tuner takes at most 32");
+        input_error(path, std::to_string(channels) + " channels; the tuner takes at most 32");
     }
     const double rate = reader.sample_rate();
     const auto context_frames = static_cast<size_t>(std::llround(context * rate));
@@ -174,7 +173,7 @@ int run_tune(std::span<const std::string> args) {
     // Read before printing anything, so a file without audio fails cleanly.
     const size_t block = 16384;
     size_t got = reader.read(audio, block);
-    if (got == 0) throw Failure("cannot decode '" + path + "': no audio in the file");
+    if (got == 0) input_error(path, "no audio in the file");
     print_header(path, reader, cfg);
 
     Progress progress;

@@ -24,7 +24,7 @@ constexpr double kClipHold = 1.0;        // a clip stays marked this long (s)
 struct Engine {
     explicit Engine(const TunerConfig& cfg) {
         const int32_t r = tn_engine_create(&cfg);
-        if (r != ws_ok) throw Failure("cannot start the tuner: " + result_text(r));
+        if (r != ws_ok) throw DeviceError("cannot start the tuner: " + result_text(r));
     }
     ~Engine() {
         tn_engine_stop();
@@ -114,24 +114,17 @@ int run_live_tune(const TunerConfig& config, const std::string& device_id, doubl
     Engine engine(config);
     const DeviceList inputs =
         read_devices("capture", tn_engine_refresh_devices, tn_engine_get_device);
-    const DeviceRecord* chosen = nullptr;
-    if (!device_id.empty()) {
-        chosen = find_device(inputs, device_id);
-        // The library would quietly fall back to the default input; a typed
-        // id that names nothing is more likely a mistake.
-        if (chosen == nullptr) {
-            throw Failure("no capture device has the ID '" + device_id +
-                          "' (see 'woodshed devices')");
-        }
-    } else {
-        chosen = default_device(inputs);
-    }
-    const int32_t started = tn_engine_start(device_id.empty() ? nullptr : device_id.c_str());
+    // The library would quietly fall back to the default input; a typed
+    // device that matches nothing is more likely a mistake.
+    const DeviceRecord* chosen =
+        device_id.empty() ? default_device(inputs) : &resolve_device(inputs, device_id, "capture");
+    const int32_t started = tn_engine_start(device_id.empty() ? nullptr : chosen->id_text);
     TunerStatus st{};
     tn_engine_get_status(&st);
     if (started != ws_ok) {
-        throw Failure(std::string("cannot open the ") + (device_id.empty() ? "default input" : "input") +
-                      ": " + result_text(started, st.backend_result));
+        if (inputs.devices.empty()) throw DeviceError(no_sound_text());
+        throw DeviceError(std::string("cannot open the ") + (device_id.empty() ? "default input" : "input") +
+                          ": " + result_text(started, st.backend_result));
     }
 
     const std::string target =

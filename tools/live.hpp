@@ -38,12 +38,20 @@ struct DeviceList {
 };
 
 // Refreshes and copies one family's list through its refresh and get-device
-// calls; a Failure naming `what` when the refresh fails.
+// calls, leaving out what is no device (the ALSA plug-ins a back end without
+// a server offers); a DeviceError naming `what` when the refresh fails.
 DeviceList read_devices(const char* what, int32_t (*refresh)(),
                         int32_t (*get)(int32_t, DeviceRecord*));
 
-// The device whose id text equals `id` (hex, case ignored), or nullptr.
-const DeviceRecord* find_device(const DeviceList& list, const std::string& id);
+// The device that `text` names: its id text (hex, case ignored), its index
+// in the list as 'woodshed devices' shows it, or its name (whole, case
+// ignored, or a part that only one name contains). A DeviceError naming
+// `what` ("capture", "playback") when none or several match.
+const DeviceRecord& resolve_device(const DeviceList& list, const std::string& text, const char* what);
+
+// The one line for a machine without any: "no sound server or sound card
+// found (tried: ...)".
+std::string no_sound_text();
 
 // The device marked as the system default, or nullptr.
 const DeviceRecord* default_device(const DeviceList& list);
@@ -59,7 +67,7 @@ public:
     LiveDisplay& operator=(const LiveDisplay&) = delete;
 
     bool in_place() const { return in_place_; }
-    // Replaces the block shown last. Lines should stay within 79 columns:
+    // Replaces the block shown last. Lines are cut to the terminal's width:
     // a wrapped line would throw the cursor arithmetic off.
     void draw(const std::vector<std::string>& lines);
     // Leaves the last block on screen, shows the cursor, ends the line.
