@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "cli.hpp"
+#include "json_out.hpp"
 #include "live.hpp"
 #include "woodshed/tuner.h"
 
@@ -109,7 +110,7 @@ std::string level_text(const TunerReading* r, bool clip) {
 
 }  // namespace
 
-int run_live_tune(const TunerConfig& config, const std::string& device_id, double seconds) {
+int run_live_tune(const TunerConfig& config, const std::string& device_id, double seconds, bool json) {
     install_interrupt_handler();
     Engine engine(config);
     const DeviceList inputs =
@@ -129,14 +130,15 @@ int run_live_tune(const TunerConfig& config, const std::string& device_id, doubl
 
     const std::string target =
         config.fixed_note >= 0 ? "target " + note_name(config.fixed_note) : "chromatic";
-    std::printf("tune: listening to \"%s\" at %u Hz\n",
+    std::fprintf(stderr, "tune: listening to \"%s\" at %u Hz\n",
                 chosen != nullptr ? chosen->name : "the default input", st.sample_rate);
-    std::printf("A4 %g Hz, %s, tolerance %g cents%s; %s\n", config.a4_hz, target.c_str(),
+    std::fprintf(stderr, "A4 %g Hz, %s, tolerance %g cents%s; %s\n", config.a4_hz, target.c_str(),
                 config.tolerance_cents, config.slow_smoothing ? ", slow" : "",
                 seconds > 0 ? "stops by itself (Ctrl-C stops sooner)" : "Ctrl-C stops");
     std::fflush(stdout);
 
     LiveDisplay display;
+    if (json) display.finish();  // lines only
     const Clock::time_point start = Clock::now();
     TunerReading last{};
     bool have = false;
@@ -183,6 +185,24 @@ int run_live_tune(const TunerConfig& config, const std::string& device_id, doubl
                                               (clip ? "c" : "");
             const double since = now - last_plain;
             if ((key != last_key && since >= kPlainMinGap) || since >= kPlainEvery) {
+                if (json) {
+                    Json j = {{"time", now}};
+                    if (!trouble.empty()) j["trouble"] = trouble;
+                    if (shown) {
+                        j.update({{"note", shown->note >= 0 ? Json(note_name(shown->note)) : Json(nullptr)},
+                                  {"frequency_hz", shown->frequency_hz},
+                                  {"cents", shown->cents},
+                                  {"state", state_word(shown->state)},
+                                  {"level_db", shown->level_db},
+                                  {"clipped", clip}});
+                    }
+                    print_json(j);
+                    std::fflush(stdout);
+                    last_plain = now;
+                    last_key = key;
+                    sleep_ms(kPollMs);
+                    continue;
+                }
                 char level[32] = "";
                 if (shown) std::snprintf(level, sizeof level, "  %6.1f dBFS", shown->level_db);
                 const std::string body =

@@ -92,9 +92,9 @@ inline double seconds_between(Clock::time_point from, Clock::time_point to) {
 void sleep_ms(int ms);
 
 // The live tuner on the capture device `device_id` (empty: the default
-// input) until Ctrl-C, or for `seconds` when that is above 0. Returns the
-// exit status.
-int run_live_tune(const TunerConfig& config, const std::string& device_id, double seconds);
+// input) until Ctrl-C, or for `seconds` when that is above 0; `json` prints
+// JSON Lines instead of the display. Returns the exit status.
+int run_live_tune(const TunerConfig& config, const std::string& device_id, double seconds, bool json);
 
 // Where the click is: "count-in 1/2  beat 3/4" or "bar 7     beat 2/4", bars
 // and beats counted from 1 as musicians do.

@@ -121,6 +121,7 @@ int run(const std::vector<std::string>& args) {
 // Whatever ran, output that did not reach stdout (a full disk, a closed
 // pipe) is a failure of its own.
 int finish(int status) {
+    if (status == cli::kExitOutput) return status;  // said already
     try {
         cli::check_stdout();
     } catch (const cli::OutputError& e) {
