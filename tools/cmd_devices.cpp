@@ -132,7 +132,7 @@ int run_devices(std::span<const std::string> args) {
 
 const Command kDevicesCommand = {
     "devices",
-    "devices",
+    "devices [--json]",
     "list the capture and playback devices with their ids",
     "usage: woodshed devices [--json]\n"
     "\n"
