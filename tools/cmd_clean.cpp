@@ -84,18 +84,18 @@ int run_clean(std::span<const std::string> args) {
     if (!take_facts.problem.empty()) input_error(take_path, take_facts.problem);
     std::string output = opts.value("output").value_or(take_path);
     if (output.empty()) throw UsageError("--output needs a file name, or '-' for stdout");
-    if (!opts.value("output") && take_path != "-" && !take_facts.wav) {
-        output = wav_beside(take_path);
-        std::fprintf(stderr, "woodshed: %s: %s is not written here; the cleaned take goes to '%s' as 16-bit WAV\n",
-                     take_path.c_str(), take_facts.encoding.empty() ? "this format" : take_facts.encoding.c_str(),
-                     output.c_str());
-    }
+    const bool beside = !opts.value("output") && take_path != "-" && !take_facts.wav;
+    if (beside) output = wav_beside(take_path);
     const bool in_place = output == take_path && take_path != "-";
     check_replaceable(output);
     const std::string temp_beside = output == "-" ? "" : output;
     const takes::Input backing = takes::prepare(opts.positionals()[0], temp_beside);
     const takes::Input take = takes::prepare(take_path, temp_beside, !in_place);
     takes::check_pair(backing, take);
+    if (beside) {
+        std::fprintf(stderr, "woodshed: %s: %s is not written here; the cleaned take goes to '%s' as 16-bit WAV\n",
+                     take_path.c_str(), take.encoding.c_str(), output.c_str());
+    }
     if (take.frames < 8192) {
         input_error(take_path, std::to_string(take.frames) + " frames of audio; cleaning needs 8192 at least");
     }
