@@ -212,13 +212,14 @@ def text_arg(value: Union[str, bytes, None]) -> Optional[bytes]:
     return data
 
 
-def existing_file(path: Union[str, bytes, os.PathLike]) -> Union[str, bytes, os.PathLike]:
-    """`path` when it names a file; FileNotFoundError or IsADirectoryError
-    otherwise, as Python's own file calls raise."""
+def existing_file(path: bytes) -> bytes:
+    """`path` (from path_arg) when it names a file; FileNotFoundError or
+    IsADirectoryError otherwise, as Python's own file calls raise."""
+    name = os.fsdecode(path)
     if os.path.isdir(path):
-        raise IsADirectoryError(errno.EISDIR, os.strerror(errno.EISDIR), os.fspath(path))
+        raise IsADirectoryError(errno.EISDIR, os.strerror(errno.EISDIR), name)
     if not os.path.exists(path):
-        raise FileNotFoundError(errno.ENOENT, os.strerror(errno.ENOENT), os.fspath(path))
+        raise FileNotFoundError(errno.ENOENT, os.strerror(errno.ENOENT), name)
     return path
 
 

@@ -18,7 +18,7 @@ def analyze_take(reference: PathLike, take: PathLike, reference_offset_ms: int =
     result's `valid` is 0 when no clear delay lies in that range.
     FileNotFoundError for a path that names no file."""
     out = TakeAnalysis()
-    call("ta_analyze", path_arg(existing_file(reference)), path_arg(existing_file(take)), int32_arg("reference_offset_ms", reference_offset_ms),
+    call("ta_analyze", existing_file(path_arg(reference)), existing_file(path_arg(take)), int32_arg("reference_offset_ms", reference_offset_ms),
          int32_arg("min_delay_ms", min_delay_ms), int32_arg("max_delay_ms", max_delay_ms), ctypes.byref(out))
     return out
 
@@ -28,6 +28,6 @@ def clean_take(reference: PathLike, take: PathLike, reference_offset_ms: int, de
     analyze_take found) and rewrites the take file in place.
     FileNotFoundError for a path that names no file."""
     out = TakeCleaning()
-    call("ta_clean", path_arg(existing_file(reference)), path_arg(existing_file(take)), int32_arg("reference_offset_ms", reference_offset_ms),
+    call("ta_clean", existing_file(path_arg(reference)), existing_file(path_arg(take)), int32_arg("reference_offset_ms", reference_offset_ms),
          int64_arg("delay_frames", delay_frames), ctypes.byref(out))
     return out
