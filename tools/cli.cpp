@@ -442,12 +442,15 @@ void Progress::show(const std::string& text, bool now_or_never) {
     last_ms_ = now;
     // Pad over a longer previous text instead of relying on terminal escapes,
     // which not every Windows console honours.
+    // Cut to the terminal's width: a wrapped status line cannot rewrite itself.
+    const int columns = terminal_columns(stderr);
+    const std::string fitted = columns > 1 ? text.substr(0, static_cast<size_t>(columns - 1)) : text;
     std::string line(1, '\r');
-    line += text;
-    if (text.size() < shown_) line.append(shown_ - text.size(), ' ');
+    line += fitted;
+    if (fitted.size() < shown_) line.append(shown_ - fitted.size(), ' ');
     std::fputs(line.c_str(), stderr);
     std::fflush(stderr);
-    shown_ = text.size();
+    shown_ = fitted.size();
 }
 
 void Progress::make_room() {
