@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Shared pieces of the woodshed command-line program: the command table, a
 // small option parser, audio decoding, the Ctrl-C flag and note names.
 // Everything reaches the library through its public C headers only.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // woodshed click: the metronome, live on a playback device or rendered to a
 // WAV file.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // woodshed devices: the capture and playback devices the library sees, with
 // the id texts that --device takes.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // woodshed record: a take recorded against a backing track on the default
 // duplex device, with the elapsed time, the backing position and an input
 // level meter redrawn in place (plain lines now and then when the output is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // woodshed tone: writes a plucked-string tone of known pitch, so the tuner
 // can be tried (and checked) without an instrument at hand.
 #include <cmath>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // woodshed tune: the tuner's readings of a recording over time; without a
 // file, the live tuner (cmd_tune_live.cpp).
 //

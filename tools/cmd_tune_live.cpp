@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // woodshed tune without a file: the live tuner on a capture device, shown as
 // a small display redrawn in place (or as plain lines when the output is not
 // a terminal).

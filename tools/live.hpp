@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Pieces shared by the commands that run on audio devices (devices, the live
 // tuner, the click): result codes as words, device lists, a display that
 // redraws itself on a terminal, and plain timing helpers.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // woodshed: command-line front end. Each subcommand lives in its own
 // cmd_*.cpp and registers itself in the table below.
 #include <algorithm>

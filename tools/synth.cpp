@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "synth.hpp"
 
 #include <algorithm>

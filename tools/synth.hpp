@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Test signals of known pitch for the tone and demo commands.
 #pragma once
 

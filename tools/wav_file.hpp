@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // WAV output of the command-line program: 16-bit PCM, written to a temporary
 // file beside the target and moved over it in one step, so an existing file
 // is either kept whole or replaced whole, never left half-written.

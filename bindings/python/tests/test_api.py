@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The binding against the C headers and the loaded library: record layouts,
 result code names, the exported calls, and calls that need an instance."""
 import ctypes

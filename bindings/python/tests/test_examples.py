@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The example scripts that need no device run and print what they promise."""
 import os
 import pathlib

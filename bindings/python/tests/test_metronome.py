@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The metronome through the binding: clicks rendered offline land on the
 frames their tempo gives, and the live click's position follows the same
 arithmetic."""

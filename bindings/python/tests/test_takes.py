@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The take tools through the binding on WAV files written here: a backing,
 and a take that hears it a known number of frames late under a quiet
 musician."""

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The tuner through the binding: tones of known pitch offline, and the live
 engine hearing a tone played into the test sink."""
 import array

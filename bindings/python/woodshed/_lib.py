@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Loads the woodshed library, declares every export's prototype and turns
 negative result codes into exceptions."""
 from __future__ import annotations

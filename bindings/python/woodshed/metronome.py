@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The metronome: the live click on a playback device, and offline rendering."""
 from __future__ import annotations
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The take tools: where the backing lies in a take, and removing its leak."""
 from __future__ import annotations
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The tuner: offline analysis of samples the host holds, and the live engine."""
 from __future__ import annotations
 
