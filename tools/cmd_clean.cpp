@@ -125,7 +125,9 @@ int run_clean(std::span<const std::string> args) {
     TakeCleaning c{};
     takes::check(ta_clean(backing.library_path.c_str(), take.library_path.c_str(), from_ms, delay, &c), backing,
                  take);
-    if (!in_place) write_back(take.library_path, output, encoding_of(take_facts));
+    // A copy was cleaned (any take but a 16-bit WAV replaced in place): its
+    // result goes to the output in the take's encoding.
+    if (take.copy) write_back(take.library_path, output, encoding_of(take_facts));
     std::fprintf(report, "cleaned %s: %.1f dB removed (delay %lld frames)\n", take_path.c_str(), c.reduction_db,
                  static_cast<long long>(c.delay_frames));
     if (output != take_path) std::fprintf(report, "written to %s\n", output == "-" ? "stdout" : output.c_str());
