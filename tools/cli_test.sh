@@ -23,6 +23,7 @@ json() { python3 -c 'import json, sys
 for line in sys.stdin:
     j = json.loads(line)
 print(eval(sys.argv[1]))' "$1" <<< "$out" 2>&1; }
+rms() { sox "$1" -n stat 2>&1 | awk '/^RMS +amplitude/ { print $3 }'; }
 near() { awk -v v="$1" -v e="$2" -v t="$3" 'BEGIN { d = v - e; if (d < 0) d = -d; exit !(v != "" && d <= t) }'; }
 # CONDITION; verdict NAME: a pass when the condition just held.
 verdict() {
@@ -127,7 +128,9 @@ for enc in "16 -b 16" "24 -b 24" "32f -b 32 -e floating-point" "flac .flac"; do
   bits=$(sox --i -b "$out_file" 2> /dev/null)
   want_bits=${name%f}
   [ "$name" = flac ] && want_bits=16
-  near "${db:-0}" 40 20 && [ "$bits" = "$want_bits" ] \
+  # The backing made all of the take: cleaned, at least 30 dB of it is gone.
+  ratio=$(awk -v a="$(rms "$out_file")" -v b="$(rms take.wav)" 'BEGIN { print (a > 0 ? b / a : 1e9) }')
+  near "${db:-0}" 40 20 && [ "$bits" = "$want_bits" ] && awk -v r="$ratio" 'BEGIN { exit !(r >= 31.6) }' \
     && [ -z "$(ls -A | grep -E 'wstmp|taw')" ]; verdict "clean $name: ${db:-?} dB, $bits-bit $out_file"
 done
 cmp -s <(sox t.flac -t raw - 2> /dev/null) <(sox take.wav -t raw - 2> /dev/null); verdict "a FLAC take stays as it was"
@@ -199,6 +202,12 @@ done
 if [ "$native" -eq 1 ]; then
   run --man
   [ "$(grep -c '^\.SS ' <<< "$out")" -eq 8 ] && grep -q '^\.TH WOODSHED 1' <<< "$out"; verdict "man page"
+  build=$(dirname "$(dirname "${ws[last]}")")
+  if [ -f "$build/CMakeCache.txt" ] && command -v cmake > /dev/null; then
+    cmake --install "$build" --prefix "$PWD/prefix" > /dev/null 2>&1
+    [ -s prefix/share/man/man1/woodshed.1 ] && [ -s prefix/share/bash-completion/completions/woodshed ] \
+      && [ -s prefix/share/zsh/site-functions/_woodshed ]; verdict "man page and completions install"
+  fi
   run --completion bash
   bash -n <(echo "$out") && grep -q 'clean) opts="--delay --from' <<< "$out"; verdict "bash completion"
 fi
@@ -218,9 +227,10 @@ if [ -n "${PULSE_SERVER:-}" ]; then
   run click --seconds 1 --device nothing-like-it
   [ "$rc" -eq 4 ] && [[ "$err" == "woodshed: no playback devices match 'nothing-like-it'"* ]]; verdict "unknown device"
 
-  # The tuner hears an A3 played into the sink.
+  # The tuner hears an A3 played into the sink (long enough to outlast the
+  # start of a program under an emulator; stopped once the tuner is done).
   if command -v pacat > /dev/null; then
-    sox -n -r 48000 -c 1 -e floating-point -b 32 -t raw a3.raw synth 4 sine 220 vol 0.5
+    sox -n -r 48000 -c 1 -e floating-point -b 32 -t raw a3.raw synth 30 sine 220 vol 0.5
     pacat --playback --raw --format=float32le --rate=48000 --channels=1 a3.raw &
     player=$!
     run tune --seconds 2 --json
