@@ -14,7 +14,8 @@ want=(cmake ninja-build g++ ccache pkg-config libgtest-dev libgmock-dev libbench
       g++-mingw-w64-x86-64-posix wine64
       pulseaudio pulseaudio-utils
       python3
-      libfftw3-dev)
+      libfftw3-dev
+      nlohmann-json3-dev sox)
 missing=()
 for p in "${want[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

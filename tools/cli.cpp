@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "cli.hpp"
 
 #include <algorithm>
@@ -13,11 +14,14 @@
 
 #include <miniaudio.h>
 
+#include "audio_files.hpp"
 #include "windows.hpp"
 
 #if defined(_WIN32)
+#  include <fcntl.h>
 #  include <io.h>
 #else
+#  include <sys/ioctl.h>
 #  include <unistd.h>
 #endif
 
@@ -210,6 +214,7 @@ double note_frequency(int midi, double a4_hz) {
 struct AudioReader::Impl {
     ma_decoder decoder{};
     bool open = false;
+    std::vector<unsigned char> memory;  // a pipe, read whole
     ~Impl() {
         if (open) ma_decoder_uninit(&decoder);
     }
@@ -235,8 +240,31 @@ std::string decode_reason(ma_result r) {
     }
 }
 
-ma_result open_decoder(const std::string& path, uint32_t rate, ma_decoder* decoder) {
+// A pipe as bytes, read whole, since nothing can seek in it. Capped like the
+// largest file the take tools take, so an endless stream ends in an error.
+std::vector<unsigned char> read_stream(const std::string& path) {
+    FILE* in = path == "-" ? stdin : open_file(path, "rb");
+    if (in == nullptr) input_error(path, std::strerror(errno));
+    binary_mode(in);
+    std::vector<unsigned char> bytes;
+    unsigned char buf[65536];
+    constexpr size_t kMax = size_t{2} << 30;
+    for (;;) {
+        const size_t n = std::fread(buf, 1, sizeof buf, in);
+        bytes.insert(bytes.end(), buf, buf + n);
+        if (n < sizeof buf) break;
+        if (bytes.size() > kMax) input_error(path, "more than 2 GiB of input");
+    }
+    const bool bad = std::ferror(in) != 0;
+    if (in != stdin) std::fclose(in);
+    if (bad) input_error(path, std::strerror(errno));
+    return bytes;
+}
+
+ma_result open_decoder(const std::string& path, const std::vector<unsigned char>& memory,
+                           uint32_t rate, ma_decoder* decoder) {
     const ma_decoder_config config = ma_decoder_config_init(ma_format_f32, 0, rate);
+    if (!memory.empty()) return ma_decoder_init_memory(memory.data(), memory.size(), &config, decoder);
 #if defined(_WIN32)
     return ma_decoder_init_file_w(widen(path).c_str(), &config, decoder);
 #else
@@ -249,26 +277,25 @@ ma_result open_decoder(const std::string& path, uint32_t rate, ma_decoder* decod
 AudioReader::AudioReader(const std::string& path, uint32_t min_rate, uint32_t max_rate,
                          uint32_t fallback_rate)
     : impl_(std::make_unique<Impl>()), path_(path) {
-    auto fail = [&](const std::string& reason) {
-        throw Failure("cannot decode '" + path + "': " + reason);
-    };
-    ma_result r = open_decoder(path, 0, &impl_->decoder);
+    auto fail = [&](const std::string& reason) { input_error(path, reason); };
+    FileFacts facts;
+    bool stream = path == "-";
+    if (!stream) {
+        facts = inspect_file(path);
+        if (!facts.problem.empty()) fail(facts.problem);
+        stream = facts.stream;
+    }
+    if (stream) {
+        impl_->memory = read_stream(path);
+        if (impl_->memory.empty()) fail("empty input");
+        facts = inspect_bytes(impl_->memory.data(), impl_->memory.size(), impl_->memory.size());
+    }
+    encoding_ = facts.encoding;
+    ma_result r = open_decoder(path, impl_->memory, 0, &impl_->decoder);
     if (r != MA_SUCCESS) {
-        // The decoders' own answer is vague for these (an empty file reads as
-        // "does not exist"), so look at the file itself.
-#if defined(_WIN32)
-        const std::filesystem::path native(widen(path));
-#else
-        const std::filesystem::path native(path);
-#endif
-        std::error_code ec;
-        const auto status = std::filesystem::status(native, ec);
-        if (std::filesystem::is_directory(status)) fail("is a directory");
-        if (std::filesystem::is_regular_file(status)) {
-            if (std::filesystem::file_size(native, ec) == 0 && !ec) fail("empty file");
-            if (r == MA_DOES_NOT_EXIST) r = MA_INVALID_FILE;
-        }
-        fail(decode_reason(r));
+        if (r == MA_DOES_NOT_EXIST) r = MA_INVALID_FILE;  // the file is there: an empty one reads so
+        fail(facts.wav && !facts.encoding.empty() ? facts.encoding + ", which is not read here"
+                                                  : decode_reason(r));
     }
     impl_->open = true;
 
@@ -277,11 +304,16 @@ AudioReader::AudioReader(const std::string& path, uint32_t min_rate, uint32_t ma
     r = ma_decoder_get_data_format(&impl_->decoder, &format, &channels, &rate, nullptr, 0);
     if (r != MA_SUCCESS) fail(decode_reason(r));
     if (channels == 0 || rate == 0) fail("no audio format");
+    if (rate < kLowestFileRate || rate > kHighestFileRate) {
+        fail("the header gives a sample rate of " + std::to_string(rate) + " Hz; files of " +
+             std::to_string(kLowestFileRate) + " to " + std::to_string(kHighestFileRate) +
+             " Hz are read (damaged header?)");
+    }
     file_rate_ = rate;
     if (rate < min_rate || rate > max_rate) {
         ma_decoder_uninit(&impl_->decoder);
         impl_->open = false;
-        r = open_decoder(path, fallback_rate, &impl_->decoder);
+        r = open_decoder(path, impl_->memory, fallback_rate, &impl_->decoder);
         if (r != MA_SUCCESS) fail(decode_reason(r));
         impl_->open = true;
         rate = fallback_rate;
@@ -291,6 +323,10 @@ AudioReader::AudioReader(const std::string& path, uint32_t min_rate, uint32_t ma
     ma_uint64 length = 0;
     if (ma_decoder_get_length_in_pcm_frames(&impl_->decoder, &length) == MA_SUCCESS && length > 0) {
         length_ = length;
+    }
+    if (!facts.warning.empty()) {
+        std::fprintf(stderr, "woodshed: warning: %s: %s\n", display_name(path).c_str(),
+                     facts.warning.c_str());
     }
 }
 
@@ -303,9 +339,7 @@ size_t AudioReader::read(std::vector<float>& out, size_t frames) {
     const ma_result r =
         ma_decoder_read_pcm_frames(&impl_->decoder, out.data() + before, frames, &got);
     out.resize(before + static_cast<size_t>(got) * channels_);
-    if (r != MA_SUCCESS && r != MA_AT_END && got == 0) {
-        throw Failure("cannot decode '" + path_ + "': " + decode_reason(r));
-    }
+    if (r != MA_SUCCESS && r != MA_AT_END && got == 0) input_error(path_, decode_reason(r));
     return static_cast<size_t>(got);
 }
 
@@ -346,6 +380,44 @@ bool is_terminal(FILE* stream) {
 #endif
 }
 
+int terminal_columns(FILE* stream) {
+    if (!is_terminal(stream)) return 0;
+#if defined(_WIN32)
+    CONSOLE_SCREEN_BUFFER_INFO info;
+    HANDLE h = GetStdHandle(stream == stderr ? STD_ERROR_HANDLE : STD_OUTPUT_HANDLE);
+    if (!GetConsoleScreenBufferInfo(h, &info)) return 0;
+    return info.srWindow.Right - info.srWindow.Left + 1;
+#else
+    winsize ws{};
+    if (ioctl(fileno(stream), TIOCGWINSZ, &ws) != 0) return 0;
+    return ws.ws_col;
+#endif
+}
+
+void binary_mode(FILE* stream) {
+#if defined(_WIN32)
+    _setmode(_fileno(stream), _O_BINARY);
+#else
+    (void)stream;
+#endif
+}
+
+void check_stdout() {
+    errno = 0;
+    if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+        const int e = errno;
+        output_error("-", e != 0 ? std::strerror(e) : "write error");
+    }
+}
+
+void input_error(const std::string& path, const std::string& reason) {
+    throw InputError(display_name(path) + ": " + reason);
+}
+
+void output_error(const std::string& path, const std::string& reason) {
+    throw OutputError((path == "-" ? std::string("stdout") : path) + ": " + reason);
+}
+
 namespace {
 int64_t now_ms() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -371,12 +443,15 @@ void Progress::show(const std::string& text, bool now_or_never) {
     last_ms_ = now;
     // Pad over a longer previous text instead of relying on terminal escapes,
     // which not every Windows console honours.
+    // Cut to the terminal's width: a wrapped status line cannot rewrite itself.
+    const int columns = terminal_columns(stderr);
+    const std::string fitted = columns > 1 ? text.substr(0, static_cast<size_t>(columns - 1)) : text;
     std::string line(1, '\r');
-    line += text;
-    if (text.size() < shown_) line.append(shown_ - text.size(), ' ');
+    line += fitted;
+    if (fitted.size() < shown_) line.append(shown_ - fitted.size(), ' ');
     std::fputs(line.c_str(), stderr);
     std::fflush(stderr);
-    shown_ = text.size();
+    shown_ = fitted.size();
 }
 
 void Progress::make_room() {
@@ -400,14 +475,20 @@ namespace {
 std::atomic<bool> g_interrupted{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "the flag is set from a signal handler");
 
-void on_interrupt(int) {
+void on_interrupt(int signal) {
     g_interrupted.store(true, std::memory_order_relaxed);
-    // A second Ctrl-C ends the program at once, for when a report hangs.
-    std::signal(SIGINT, SIG_DFL);
+    // A second one ends the program at once, for when a report hangs.
+    std::signal(signal, SIG_DFL);
 }
 }  // namespace
 
-void install_interrupt_handler() { std::signal(SIGINT, on_interrupt); }
+void install_interrupt_handler() {
+    std::signal(SIGINT, on_interrupt);
+    std::signal(SIGTERM, on_interrupt);
+#if defined(SIGHUP)
+    std::signal(SIGHUP, on_interrupt);
+#endif
+}
 
 bool interrupted() { return g_interrupted.load(std::memory_order_relaxed); }
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Shared pieces of the woodshed command-line program: the command table, a
 // small option parser, audio decoding, the Ctrl-C flag and note names.
 // Everything reaches the library through its public C headers only.
@@ -15,22 +16,39 @@
 
 namespace cli {
 
-// Exit statuses the whole program agrees on.
+// Exit statuses the whole program agrees on; every command's help lists the
+// ones it uses.
 inline constexpr int kExitOk = 0;
-inline constexpr int kExitFailure = 1;
-inline constexpr int kExitUsage = 2;
-inline constexpr int kExitInterrupted = 130;
+inline constexpr int kExitFailure = 1;      // no result (e.g. no trustworthy delay)
+inline constexpr int kExitUsage = 2;        // bad command line
+inline constexpr int kExitInput = 3;        // an input file unreadable or unusable
+inline constexpr int kExitDevice = 4;       // no usable audio device or back end
+inline constexpr int kExitOutput = 5;       // output not written (also a full stdout)
+inline constexpr int kExitInterrupted = 130;  // Ctrl-C, SIGTERM or SIGHUP
 
 // A bad command line: reported as one line, exit status 2.
 struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Anything else that stops a command (unreadable input, unwritable output):
-// one line, exit status 1.
+// Anything else that stops a command: one line, exit status 1 unless one of
+// the kinds below says more.
 struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
+struct InputError : Failure {  // status 3; the text starts with the file's name
+    using Failure::Failure;
+};
+struct DeviceError : Failure {  // status 4
+    using Failure::Failure;
+};
+struct OutputError : Failure {  // status 5; the text starts with the file's name
+    using Failure::Failure;
+};
+
+// "FILE: reason" as an input or output error; "-" reads as "stdin"/"stdout".
+[[noreturn]] void input_error(const std::string& path, const std::string& reason);
+[[noreturn]] void output_error(const std::string& path, const std::string& reason);
 
 // ---- commands ----------------------------------------------------------
 
@@ -108,9 +126,16 @@ double note_frequency(int midi, double a4_hz);
 
 // ---- audio input -------------------------------------------------------
 
+// Sample rates a file may declare; anything else is a damaged header (and a
+// rate of 1 Hz would make a small file decode into gigabytes).
+inline constexpr uint32_t kLowestFileRate = 1000;
+inline constexpr uint32_t kHighestFileRate = 768000;
+
 // Streaming decoder for WAV, FLAC and MP3, delivering interleaved 32-bit
 // floats at the file's own channel count. When the file's rate is outside
-// `min_rate`..`max_rate` the audio is resampled to `fallback_rate`.
+// `min_rate`..`max_rate` the audio is resampled to `fallback_rate`. "-" reads
+// standard input (whole, so it need not be seekable). Failures are
+// InputErrors naming the file.
 class AudioReader {
 public:
     AudioReader(const std::string& path, uint32_t min_rate, uint32_t max_rate,
@@ -127,6 +152,10 @@ public:
     // Appends up to `frames` frames to `out`; returns how many, 0 at the end.
     size_t read(std::vector<float>& out, size_t frames);
 
+    // What the container says about itself: "16-bit PCM WAV", "FLAC", ...
+    const std::string& encoding() const { return encoding_; }
+    const std::string& path() const { return path_; }
+
 private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
@@ -135,6 +164,7 @@ private:
     uint32_t sample_rate_ = 0;
     uint32_t file_rate_ = 0;
     std::optional<uint64_t> length_;
+    std::string encoding_;
 };
 
 // ---- files and terminal ------------------------------------------------
@@ -151,6 +181,16 @@ FILE* open_file(const std::string& path, const char* mode);
 void remove_file(const std::string& path);
 
 bool is_terminal(FILE* stream);
+
+// Columns of the terminal on `stream`, or 0 when it is none or cannot tell.
+int terminal_columns(FILE* stream);
+
+// Makes a stream binary on Windows (a WAV on stdout or stdin); no-op elsewhere.
+void binary_mode(FILE* stream);
+
+// Standard output flushed and free of write errors; an OutputError otherwise
+// ("woodshed devices > /dev/full" must not end with status 0).
+void check_stdout();
 
 // Status line on stderr that rewrites itself. Does nothing unless stderr is a
 // terminal; call make_room() before printing to stdout so the two don't mix
@@ -177,6 +217,8 @@ private:
 
 // ---- Ctrl-C ------------------------------------------------------------
 
+// Ctrl-C, and SIGTERM and SIGHUP where they exist, set the flag: a command
+// finishes what it writes (a take's header) and exits with 130.
 void install_interrupt_handler();
 bool interrupted();
 

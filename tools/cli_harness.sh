@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # What the command-line end-to-end scripts share; sourced, not run.
 #
 #   source cli_harness.sh NAME "$@"     NAME names the scratch directory

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // woodshed click: the metronome, live on a playback device or rendered to a
 // WAV file.
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "cli.hpp"
+#include "json_out.hpp"
 #include "live.hpp"
 #include "wav_file.hpp"
 #include "woodshed/metronome.h"
@@ -24,7 +26,7 @@ constexpr OptionSpec kSpecs[] = {
     {"ramp-to", true},     {"ramp-every", true},  {"ramp-step", true},  {"linear", false},
     {"gain", true},        {"accent-gain", true}, {"beat-gain", true},  {"sub-gain", true},
     {"poly-gain", true},   {"device", true},      {"seconds", true},    {"render", true},
-    {"bars", true},        {"rate", true},        {"channels", true},
+    {"bars", true},        {"rate", true},        {"channels", true},   {"json", false},
 };
 
 constexpr int kPollMs = 33;
@@ -34,6 +36,18 @@ constexpr int64_t kDefaultRampEvery = 4;
 constexpr int64_t kMaxRenderFrames = int64_t{1} << 29;
 // The RIFF size fields are 32-bit.
 constexpr uint64_t kMaxWavData = 0xFFFFFFFFull - 36;
+
+// The click sounds by number, as the library numbers them.
+constexpr const char* kSoundNames[] = {"woodblock", "beep", "tick", "hihat", "cowbell", "clave"};
+
+// A sound by name or by number 0..5.
+int32_t parse_sound(std::string_view option, const std::string& text) {
+    for (int32_t i = 0; i < 6; ++i) {
+        if (text == kSoundNames[i] || text == std::to_string(i)) return i;
+    }
+    throw UsageError("--" + std::string(option) +
+                     " wants woodblock, beep, tick, hihat, cowbell or clave (or 0..5), not '" + text + "'");
+}
 
 int64_t to_ubpm(double bpm) { return std::llround(bpm * 1e6); }
 
@@ -89,7 +103,7 @@ MetronomeConfig config_from(const Options& opts) {
     c.accent_gain = number("accent-gain", 0, 1, 1.0);
     c.beat_gain = number("beat-gain", 0, 1, 0.75);
     c.subdivision_gain = number("sub-gain", 0, 1, 0.5);
-    c.sound = static_cast<int32_t>(integer("sound", 0, 5, 0));
+    c.sound = opts.value("sound") ? parse_sound("sound", *opts.value("sound")) : 0;
     c.count_in_bars = static_cast<int32_t>(integer("count-in", 0, 8, 0));
 
     if (auto v = opts.value("gap")) {
@@ -103,7 +117,7 @@ MetronomeConfig config_from(const Options& opts) {
     c.random_seed = static_cast<uint32_t>(integer("seed", 0, 4294967295LL, 0));
 
     c.poly_pulses = static_cast<int32_t>(integer("poly", 0, 32, 0));
-    c.poly_sound = static_cast<int32_t>(integer("poly-sound", 0, 5, 5));
+    c.poly_sound = opts.value("poly-sound") ? parse_sound("poly-sound", *opts.value("poly-sound")) : 5;
     c.poly_gain = number("poly-gain", 0, 1, 0.7);
     if (c.poly_pulses == 0) {
         needs("poly-sound", "poly");
@@ -158,7 +172,7 @@ std::string describe(const MetronomeConfig& c) {
     char buf[160];
     std::string s = bpm_text(c.tempo_ubpm) + " BPM, " + std::to_string(c.beats_per_bar) +
                     (c.beats_per_bar == 1 ? " beat" : " beats") + " a bar (accents " +
-                    accents_text(c) + "), sound " + std::to_string(c.sound);
+                    accents_text(c) + "), " + kSoundNames[c.sound];
     if (c.subdivisions > 1) {
         s += ", " + std::to_string(c.subdivisions) + " pulses a beat";
         if (c.swing > 0.5) {
@@ -177,8 +191,7 @@ std::string describe(const MetronomeConfig& c) {
         s += buf;
     }
     if (c.poly_pulses > 0) {
-        s += ", second rhythm " + std::to_string(c.poly_pulses) + " a bar (sound " +
-             std::to_string(c.poly_sound) + ")";
+        s += ", second rhythm " + std::to_string(c.poly_pulses) + " a bar (" + kSoundNames[c.poly_sound] + ")";
     }
     if (c.ramp_mode == mn_ramp_stepwise) {
         s += ", ramp to " + bpm_text(c.ramp_target_ubpm) + " BPM by " + bpm_text(c.ramp_step_ubpm) +
@@ -290,7 +303,7 @@ int run_render(const Options& opts, const MetronomeConfig& cfg, const std::strin
     }
     if (interrupted()) {
         progress.clear();
-        std::fprintf(stderr, "woodshed: interrupted; '%s' not written\n", path.c_str());
+        std::fprintf(stderr, "woodshed: interrupted; '%s' not written\n", path == "-" ? "stdout" : path.c_str());
         return kExitInterrupted;
     }
 
@@ -310,7 +323,7 @@ int run_render(const Options& opts, const MetronomeConfig& cfg, const std::strin
         out.write(bytes.data(), bytes.size());
         if (interrupted()) {
             progress.clear();
-            std::fprintf(stderr, "woodshed: interrupted; '%s' not written\n", path.c_str());
+            std::fprintf(stderr, "woodshed: interrupted; '%s' not written\n", path == "-" ? "stdout" : path.c_str());
             return kExitInterrupted;
         }
         std::snprintf(status, sizeof status, "click: writing %.0f%%",
@@ -319,10 +332,25 @@ int run_render(const Options& opts, const MetronomeConfig& cfg, const std::strin
     }
     out.commit();
     progress.clear();
-    std::printf("wrote %s: %lld bar%s at %s; %.3f s, %lld frames, %lld Hz, 16-bit, %lld channel%s\n",
-                path.c_str(), static_cast<long long>(bars), bars == 1 ? "" : "s", describe(cfg).c_str(), seconds,
-                static_cast<long long>(frames), static_cast<long long>(rate),
-                static_cast<long long>(channels), channels == 1 ? "" : "s");
+    if (opts.flag("json")) {
+        print_json({{"file", path},
+                    {"bars", bars},
+                    {"count_in_bars", cfg.count_in_bars},
+                    {"frames", frames},
+                    {"seconds", seconds},
+                    {"sample_rate", rate},
+                    {"channels", channels},
+                    {"bpm", static_cast<double>(cfg.tempo_ubpm) / 1e6},
+                    {"beats_per_bar", cfg.beats_per_bar},
+                    {"sound", kSoundNames[cfg.sound]}});
+        return kExitOk;
+    }
+    // With the audio on stdout, the report goes to stderr.
+    std::fprintf(path == "-" ? stderr : stdout,
+                 "wrote %s: %lld bar%s at %s; %.3f s, %lld frames, %lld Hz, 16-bit, %lld channel%s\n",
+                 path == "-" ? "stdout" : path.c_str(), static_cast<long long>(bars), bars == 1 ? "" : "s",
+                 describe(cfg).c_str(), seconds, static_cast<long long>(frames), static_cast<long long>(rate),
+                 static_cast<long long>(channels), channels == 1 ? "" : "s");
     return kExitOk;
 }
 
@@ -347,23 +375,16 @@ int run_live(const MetronomeConfig& cfg, const std::string& device_id, double se
     install_interrupt_handler();
     const FamilyInstance metronome(mn_create, mn_destroy, "metronome");
     const DeviceList outputs = read_devices("playback", mn_refresh_devices, mn_get_device);
-    const DeviceRecord* chosen = nullptr;
-    if (!device_id.empty()) {
-        chosen = find_device(outputs, device_id);
-        // The library would quietly play on the default output instead.
-        if (chosen == nullptr) {
-            throw Failure("no playback device has the ID '" + device_id +
-                          "' (see 'woodshed devices')");
-        }
-    } else {
-        chosen = default_device(outputs);
-    }
-    const int32_t started = mn_start(&cfg, device_id.c_str());
+    // The library would quietly play on the default output instead.
+    const DeviceRecord* chosen =
+        device_id.empty() ? default_device(outputs) : &resolve_device(outputs, device_id, "playback");
+    const int32_t started = mn_start(&cfg, device_id.empty() ? "" : chosen->id_text);
     MetronomeStatus st{};
     mn_get_status(&st);
     if (started != ws_ok) {
-        throw Failure(std::string("cannot open the ") + (device_id.empty() ? "default output" : "output") +
-                      ": " + result_text(started, st.backend_result));
+        if (outputs.devices.empty()) throw DeviceError(no_sound_text());
+        throw DeviceError(std::string("cannot open the ") + (device_id.empty() ? "default output" : "output") +
+                          ": " + result_text(started, st.backend_result));
     }
     std::printf("click: %s\n", wrap(describe(cfg), 7, 7).c_str());
     std::printf("playing on \"%s\", %u Hz; %s\n", chosen != nullptr ? chosen->name : "the default output",
@@ -440,8 +461,12 @@ int run_click(std::span<const std::string> args) {
             }
         }
         if (path->empty()) throw UsageError("--render needs a file name");
+        if (*path == "-" && opts.flag("json")) {
+            throw UsageError("--json and --render - would both write to stdout; give --render a file");
+        }
         return run_render(opts, cfg, *path);
     }
+    if (opts.flag("json")) throw UsageError("--json needs --render FILE");
     for (const char* file_only : {"bars", "rate", "channels"}) {
         if (opts.value(file_only)) throw UsageError("--" + std::string(file_only) + " needs --render FILE");
     }
@@ -475,14 +500,15 @@ const Command kClickCommand = {
     "                       3 medium accent, 4 accent. Fewer levels than beats\n"
     "                       repeat over the bar ('4,2' in 6 gives 4,2,4,2,4,2)\n"
     "                       (default: 4 on the first beat, 2 on the others)\n"
-    "  --sound N            click sound, 0..5 (default 0)\n"
+    "  --sound NAME         click sound: woodblock, beep, tick, hihat, cowbell\n"
+    "                       or clave (or 0..5 in that order; default woodblock)\n"
     "  --count-in N         bars of count-in, accent on every beat, 0..8\n"
     "  --gap PLAY,MUTE      gap trainer: PLAY bars sound, MUTE bars silent,\n"
     "                       repeating, each 1..64\n"
     "  --drop P             chance 0..1 that a beat is left out\n"
     "  --seed N             seed of the drops, 0..4294967295 (0: the default)\n"
     "  --poly N             second rhythm: N even pulses a bar, 0..32\n"
-    "  --poly-sound N       its sound, 0..5 (default 5)\n"
+    "  --poly-sound NAME    its sound, as --sound (default clave)\n"
     "  --ramp-to BPM        change the tempo towards BPM, bar by bar\n"
     "  --ramp-every BARS    by --ramp-step every BARS bars, 1..128 (default 4);\n"
     "                       with --linear: reach BPM after BARS bars\n"
@@ -495,20 +521,27 @@ const Command kClickCommand = {
     "  --sub-gain G         pulses between beats and soft beats (default 0.5)\n"
     "  --poly-gain G        second rhythm (default 0.7)\n"
     "playing:\n"
-    "  --device ID          output, an ID from 'woodshed devices'\n"
+    "  --device DEVICE      output: an ID, an index or a name from 'woodshed\n"
+    "                       devices'\n"
     "  --seconds S          stop by itself after S seconds\n"
     "writing:\n"
-    "  --render OUT.wav     write the click track to this file (replaced whole,\n"
+    "  --json               with --render: one JSON object on stdout (file, bars,\n"
+    "                       count_in_bars, frames, seconds, sample_rate,\n"
+    "                       channels, bpm, beats_per_bar, sound)\n"
+    "  --render OUT.wav     write the click track to this file ('-': stdout;\n"
+    "                       a file is replaced whole,\n"
     "                       only once the new one is complete)\n"
-    "  --bars N             bars after the count-in, 1..100000\n"
+    "  --bars N             bars after the count-in, 1..100000, as long as the\n"
+    "                       track stays within 2^29 frames (3.1 hours at 48 kHz)\n"
     "  --rate HZ            sample rate, 8000..384000 (default 48000)\n"
     "  --channels C         1..8, each the same click (default 1)\n"
     "  -h, --help           show this help\n"
     "\n"
     "With a ramp the file follows the tempo changes bar by bar, so its length\n"
     "is that of the N bars as they are actually played.\n"
-    "Exit status: 0 done, 1 no usable output or file not written, 2 bad usage,\n"
-    "130 interrupted (Ctrl-C).\n",
+    "Exit status: 0 done, 1 the track could not be rendered, 2 bad usage, 4 no\n"
+    "usable output device, 5 the file not written, 130 interrupted (Ctrl-C,\n"
+    "SIGTERM, SIGHUP).\n",
     run_click,
 };
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // woodshed devices: the capture and playback devices the library sees, with
 // the id texts that --device takes.
 #include <algorithm>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "cli.hpp"
+#include "json_out.hpp"
 #include "live.hpp"
 #include "woodshed/metronome.h"
 #include "woodshed/recorder.h"
@@ -21,7 +23,7 @@ namespace {
 struct TunerEngine {
     TunerEngine() {
         const int32_t r = tn_engine_create(nullptr);
-        if (r != ws_ok) throw Failure("cannot list the capture devices: " + result_text(r));
+        if (r != ws_ok) throw DeviceError("cannot list the capture devices: " + result_text(r));
     }
     ~TunerEngine() { tn_engine_destroy(); }
     TunerEngine(const TunerEngine&) = delete;
@@ -31,7 +33,7 @@ struct TunerEngine {
 struct Metronome {
     Metronome() {
         const int32_t r = mn_create();
-        if (r != ws_ok) throw Failure("cannot list the playback devices: " + result_text(r));
+        if (r != ws_ok) throw DeviceError("cannot list the playback devices: " + result_text(r));
     }
     ~Metronome() { mn_destroy(); }
     Metronome(const Metronome&) = delete;
@@ -80,7 +82,8 @@ void print_list(const char* title, const DeviceList& list, int name_width,
 }
 
 int run_devices(std::span<const std::string> args) {
-    const Options opts("devices", args, {});
+    static constexpr OptionSpec kSpecs[] = {{"json", false}};
+    const Options opts("devices", args, kSpecs);
     if (opts.help()) {
         std::fputs(kDevicesCommand.help, stdout);
         return kExitOk;
@@ -97,16 +100,32 @@ int run_devices(std::span<const std::string> args) {
         playback = read_devices("playback", mn_refresh_devices, mn_get_device);
     }
 
+    if (capture.devices.empty() && playback.devices.empty()) throw DeviceError(no_sound_text());
+    const std::set<std::string> recordable = recordable_inputs(capture);
+    if (opts.flag("json")) {
+        const auto entries = [&](const DeviceList& list, const std::set<std::string>* marks) {
+            Json a = Json::array();
+            int index = 0;
+            for (const DeviceRecord& d : list.devices) {
+                Json e = {{"index", index++}, {"id", d.id_text}, {"name", d.name}, {"default", d.is_default == 1}};
+                if (marks != nullptr) e["recordable"] = marks->count(d.id_text) > 0;
+                a.push_back(e);
+            }
+            return a;
+        };
+        print_json({{"capture", entries(capture, &recordable)}, {"playback", entries(playback, nullptr)}});
+        return kExitOk;
+    }
     // Names line up across both lists; an unusually long one just pushes its id.
     size_t widest = 4;
     for (const DeviceList* l : {&capture, &playback}) {
         for (const DeviceRecord& d : l->devices) widest = std::max(widest, std::strlen(d.name));
     }
     const int width = static_cast<int>(std::min<size_t>(widest, 40));
-    const std::set<std::string> recordable = recordable_inputs(capture);
-    print_list("capture devices (for 'woodshed tune --device ID'):", capture, width, &recordable);
-    print_list("playback devices (for 'woodshed click --device ID'):", playback, width);
-    std::printf("* system default; r 'woodshed record --input NAME' takes it; the last column is the ID\n");
+    print_list("capture devices (for 'woodshed tune --device' and 'woodshed record --input'):", capture, width,
+               &recordable);
+    print_list("playback devices (for 'woodshed click --device'):", playback, width);
+    std::printf("* system default; r the recorder finds it by name; the last column is the ID\n");
     return kExitOk;
 }
 
@@ -114,21 +133,25 @@ int run_devices(std::span<const std::string> args) {
 
 const Command kDevicesCommand = {
     "devices",
-    "devices",
+    "devices [--json]",
     "list the capture and playback devices with their ids",
-    "usage: woodshed devices\n"
+    "usage: woodshed devices [--json]\n"
     "\n"
     "Lists the audio devices the library can open: capture devices (inputs of\n"
-    "the live tuner) and playback devices (outputs of the click), each with its\n"
-    "index, a '*' on the system default, its name and its ID. Pass the ID to\n"
-    "--device to choose that device. An 'r' marks the inputs that 'woodshed\n"
-    "record --input NAME' accepts by name.\n"
+    "the live tuner and the recorder) and playback devices (outputs of the\n"
+    "click), each with its index, a '*' on the system default, its name and\n"
+    "its ID. --device and --input take the ID, the index or the name. An 'r'\n"
+    "marks the inputs the recorder finds by their name alone. A back end's\n"
+    "plug-ins (rate converters, mixers) are not devices and are left out.\n"
     "\n"
     "options:\n"
+    "  --json             one JSON object: capture and playback, lists of\n"
+    "                     {index, id, name, default} (capture: recordable)\n"
     "  -h, --help         show this help\n"
     "\n"
-    "Exit status: 0 listed (even when a list is empty), 1 no audio back end or\n"
-    "the devices could not be listed, 2 bad usage.\n",
+    "Exit status: 0 listed (even when one list is empty), 2 bad usage, 4 no\n"
+    "sound server or sound card, or the devices could not be listed, 5 stdout\n"
+    "not written.\n",
     run_devices,
 };
 

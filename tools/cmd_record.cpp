@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // woodshed record: a take recorded against a backing track on the default
 // duplex device, with the elapsed time, the backing position and an input
 // level meter redrawn in place (plain lines now and then when the output is
@@ -13,6 +14,8 @@
 #include <vector>
 
 #include "cli.hpp"
+#include "audio_files.hpp"
+#include "json_out.hpp"
 #include "live.hpp"
 #include "woodshed/recorder.h"
 
@@ -20,7 +23,7 @@ namespace cli {
 namespace {
 
 constexpr OptionSpec kSpecs[] = {
-    {"backing", true}, {"take", true}, {"input", true}, {"from", true}, {"seconds", true},
+    {"backing", true}, {"take", true}, {"input", true}, {"from", true}, {"seconds", true}, {"json", false},
 };
 
 constexpr int kPollMs = 50;
@@ -74,27 +77,44 @@ std::optional<double> backing_seconds(const std::string& path) {
     return std::nullopt;
 }
 
-std::string start_failure(int32_t r, const std::string& backing, const std::string& take) {
+// Why sd_start failed, as the error of its kind. `take_existed`: whether the
+// take's path held a file before the start, which must then be left alone.
+[[noreturn]] void start_failure(int32_t r, const std::string& backing, const std::string& take,
+                                bool take_existed) {
     switch (r) {
-        case ws_invalid_argument: {
-            std::error_code ec;
-            if (!std::filesystem::is_regular_file(fs_path(backing), ec)) return "cannot read '" + backing + "'";
-            return "cannot play '" + backing +
-                   "': the backing track must be a 16-bit PCM WAV file, mono or stereo, "
-                   "8000 Hz or more, at most 700 MiB";
+        case ws_invalid_argument:
+        case ws_unsupported_format: {
+            const FileFacts facts = inspect_file(backing);
+            if (!facts.problem.empty()) input_error(backing, facts.problem);
+            input_error(backing, (facts.encoding.empty() ? std::string("not a WAV file") : facts.encoding) +
+                                     "; the backing track must be a 16-bit PCM WAV file, mono or stereo, "
+                                     "8000 Hz or more, at most 700 MiB");
         }
-        case ws_access_denied: return "access to the audio device was denied";
-        case ws_backend_init_failed: return "no audio back end is available";
+        case ws_access_denied: throw DeviceError("access to the audio device was denied");
+        case ws_backend_init_failed: throw DeviceError(no_sound_text());
         case ws_device_failure: {
             // The library answers -15 both for a take it cannot create and for
-            // a device that fails; only the second leaves a header behind.
+            // a device that fails.
             std::error_code ec;
-            if (!std::filesystem::exists(fs_path(take), ec)) return "cannot create the take file '" + take + "'";
-            remove_file(take);  // nothing but a header: not worth keeping
-            return "cannot open the duplex audio device: " + result_text(r);
+            const bool exists = std::filesystem::exists(fs_path(take), ec);
+            if (!exists) output_error(take, "cannot be created");
+            if (!take_existed) remove_file(take);  // nothing but a header: not worth keeping
+            throw DeviceError("cannot open the duplex audio device: " + result_text(r));
         }
-        default: return "cannot start the take: " + result_text(r);
+        default: throw DeviceError("cannot start the take: " + result_text(r));
     }
+}
+
+// The input the recorder should use: a name the recorder knows itself, else
+// an id, an index or a name from the capture list 'woodshed devices' shows.
+std::string input_id(const std::string& input) {
+    std::vector<char> id(1100);  // room for the longest id text the library can write
+    const int32_t r = sd_find_input_by_name(input.c_str(), id.data(), static_cast<int32_t>(id.size()));
+    if (r == 1) return id.data();
+    if (r != 0) throw DeviceError("cannot list the inputs: " + result_text(r));
+    const FamilyInstance tuner([] { return tn_engine_create(nullptr); }, tn_engine_destroy, "input list");
+    const DeviceList inputs = read_devices("capture", tn_engine_refresh_devices, tn_engine_get_device);
+    return resolve_device(inputs, input, "capture").id_text;
 }
 
 int run_record(std::span<const std::string> args) {
@@ -120,32 +140,41 @@ int run_record(std::span<const std::string> args) {
         }
     }
 
+    {
+        // Caught here, a take that cannot be written is not mistaken for a device failure.
+        std::error_code ec;
+        const auto take_path = fs_path(*take);
+        if (std::filesystem::is_directory(take_path, ec)) output_error(*take, "is a directory");
+        const auto folder = take_path.parent_path();
+        if (!folder.empty() && !std::filesystem::is_directory(folder, ec)) output_error(*take, "no such folder");
+    }
+    const bool json = opts.flag("json");
+
     const FamilyInstance recorder(sd_create, sd_destroy, "recorder");
     std::string input_id;
-    if (const auto input = opts.value("input")) {
-        std::vector<char> id(1100);  // room for the longest id text the library can write
-        const int32_t r = sd_find_input_by_name(input->c_str(), id.data(), static_cast<int32_t>(id.size()));
-        if (r == 0) throw Failure("no input is named '" + *input + "' (see 'woodshed devices')");
-        if (r != 1) throw Failure("cannot list the inputs: " + result_text(r));
-        input_id = id.data();
-    }
+    if (const auto input = opts.value("input")) input_id = cli::input_id(*input);
 
     const std::optional<double> length = backing_seconds(*backing);
     install_interrupt_handler();
     const int32_t start_ms = static_cast<int32_t>(std::llround(from * 1000.0));
+    std::error_code exists_ec;
+    const bool take_existed = std::filesystem::exists(fs_path(*take), exists_ec);
     const int32_t started = sd_start(backing->c_str(), take->c_str(), input_id.empty() ? nullptr : input_id.c_str(),
                                      start_ms);
-    if (started != ws_ok) throw Failure(start_failure(started, *backing, *take));
+    if (started != ws_ok) start_failure(started, *backing, *take, take_existed);
+    // With --json the display and the lines go to stderr; stdout gets the summary.
+    FILE* lines = json ? stderr : stdout;
 
-    std::printf("record: '%s'%s from %s into '%s', input %s\n", backing->c_str(),
+    std::fprintf(lines, "record: '%s'%s from %s into '%s', input %s\n", backing->c_str(),
                 length ? (" (" + clock_text(*length) + ")").c_str() : "", clock_text(from).c_str(),
                 take->c_str(), opts.value("input") ? ("\"" + *opts.value("input") + "\"").c_str() : "the default");
-    std::printf("%s\n", seconds > 0 ? "stops by itself (Ctrl-C stops sooner)"
+    std::fprintf(lines, "%s\n", seconds > 0 ? "stops by itself (Ctrl-C stops sooner)"
                                     : "stops after the backing ends (Ctrl-C stops sooner)");
-    if (length && from >= *length) std::printf("note: the start is past the end of the backing: silence plays\n");
-    std::fflush(stdout);
+    if (length && from >= *length) std::fprintf(lines, "note: the start is past the end of the backing: silence plays\n");
+    std::fflush(lines);
 
     LiveDisplay display;
+    if (json) display.finish();  // stdout is for the summary alone
     RecorderState st{};
     double done_at = -1.0;  // take time at which the backing was heard to end
     double clip_until = -1.0;
@@ -167,9 +196,9 @@ int run_record(std::span<const std::string> args) {
         if (display.in_place()) {
             display.draw({"  elapsed " + clock_text(elapsed) + "   " + where, "  " + meter(st.input_peak, clip)});
         } else if (elapsed - last_plain >= kPlainEvery) {
-            std::printf("%8.1fs  %s  input %.1f dBFS%s\n", elapsed, where.c_str(),
+            std::fprintf(lines, "%8.1fs  %s  input %.1f dBFS%s\n", elapsed, where.c_str(),
                         std::max(peak_db(st.input_peak), -99.9), clip ? "  CLIP" : "");
-            std::fflush(stdout);
+            std::fflush(lines);
             last_plain = elapsed;
         }
         sleep_ms(kPollMs);
@@ -178,12 +207,20 @@ int run_record(std::span<const std::string> args) {
     display.finish();
     sd_get_state(&st);
     if (ms < 0) throw Failure("the take did not end cleanly: " + result_text(static_cast<int32_t>(ms)));
-    std::printf("take: '%s', %.3f s\n", take->c_str(), static_cast<double>(ms) / 1000.0);
+    std::fprintf(lines, "take: '%s', %.3f s\n", take->c_str(), static_cast<double>(ms) / 1000.0);
     // The library keeps recording when the disk refuses more; say so.
     const double captured = static_cast<double>(st.captured_frames) / SD_SAMPLE_RATE;
     if (captured - static_cast<double>(ms) / 1000.0 > 0.05) {
         std::fprintf(stderr, "woodshed: warning: only %.3f s of the %.3f s recorded reached the file (disk full?)\n",
                      static_cast<double>(ms) / 1000.0, captured);
+    }
+    if (json) {
+        print_json({{"take", *take},
+                    {"backing", *backing},
+                    {"from_seconds", from},
+                    {"seconds", static_cast<double>(ms) / 1000.0},
+                    {"captured_seconds", captured},
+                    {"interrupted", interrupted()}});
     }
     if (interrupted()) {
         std::fputs("woodshed: interrupted; the take is complete\n", stderr);
@@ -198,33 +235,36 @@ const Command kRecordCommand = {
     "record",
     "record --backing F --take F",
     "record a take against a backing track",
-    "usage: woodshed record --backing FILE --take FILE [--input NAME] [--from SECONDS]\n"
-    "                       [--seconds N]\n"
+    "usage: woodshed record --backing FILE --take FILE [--input DEVICE] [--from SECONDS]\n"
+    "                       [--seconds N] [--json]\n"
     "\n"
     "Plays the backing track on the default output and records the input into\n"
     "a new take file at the same time, on one duplex device at 44100 Hz, so the\n"
     "take lines up with the track frame for frame (apart from the device's own\n"
     "latency, which 'woodshed align' measures). Shows the elapsed time, the\n"
     "backing position and an input level meter. The take is written while it\n"
-    "is recorded and is a complete WAV file however the command ends; Ctrl-C\n"
-    "stops early.\n"
+    "is recorded and is a complete WAV file however the command ends; Ctrl-C,\n"
+    "SIGTERM or SIGHUP stop early and finish the take.\n"
     "\n"
     "options:\n"
     "  --backing FILE     the backing track: 16-bit PCM WAV, mono or stereo,\n"
     "                     8000 Hz or more (converted to 44100 Hz)\n"
     "  --take FILE        the take to write (mono 16-bit WAV, 44100 Hz); an\n"
     "                     existing file is replaced\n"
-    "  --input NAME       the input device by its exact name, as 'woodshed\n"
-    "                     devices' lists it (marked 'r'); default: the\n"
-    "                     system's default input\n"
+    "  --input DEVICE     the input: an ID, an index or a name from 'woodshed\n"
+    "                     devices'; default: the system's default input\n"
     "  --from SECONDS     start this far into the backing (default 0)\n"
     "  --seconds N        stop after N seconds of take; default: one second\n"
     "                     after the backing ends\n"
+    "  --json             the summary as one JSON object on stdout (take,\n"
+    "                     backing, from_seconds, seconds, captured_seconds,\n"
+    "                     interrupted); everything else goes to stderr\n"
     "  -h, --help         show this help\n"
     "\n"
     "Prints the take's path and length when it ends. Exit status: 0 recorded,\n"
-    "1 the backing could not be read, the take not created or the device not\n"
-    "opened, 2 bad usage, 130 stopped by Ctrl-C (the take is complete).\n",
+    "1 the take did not end cleanly, 2 bad usage, 3 the backing unreadable or\n"
+    "unusable, 4 no usable audio device, 5 the take cannot be written, 130\n"
+    "stopped by Ctrl-C, SIGTERM or SIGHUP (the take is complete).\n",
     run_record,
 };
 

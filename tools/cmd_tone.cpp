@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // woodshed tone: writes a plucked-string tone of known pitch, so the tuner
 // can be tried (and checked) without an instrument at hand.
 #include <cmath>
@@ -34,16 +35,21 @@ int run_tone(std::span<const std::string> args) {
     const double a4 = number("a4", 400, 480, 440);
     const double cents = number("cents", -100, 100, 0);
     const double f0 = note_frequency(midi, a4) * std::exp2(cents / 1200.0);
-    if (f0 >= 0.45 * rate) {
-        throw UsageError(note_name(midi) + " is too high for a sample rate of " +
-                         std::to_string(rate) + " Hz");
+    // The tone's fundamental must lie below the highest harmonic it renders.
+    const double top = pluck_top(rate);
+    if (f0 >= top) {
+        char buf[160];
+        std::snprintf(buf, sizeof buf, "%s (%.1f Hz) cannot be sounded at %u Hz: tones reach %.0f Hz at most",
+                      note_name(midi).c_str(), f0, rate, top);
+        throw UsageError(buf);
     }
 
     const std::string& path = opts.positionals()[0];
     write_wav16(path, pluck(f0, seconds, rate), 1, rate);  // peak at -6 dBFS
     char detune[32] = "";
     if (cents != 0.0) std::snprintf(detune, sizeof detune, " %+.1f cents", cents);
-    std::printf("wrote %s: %s%s (%.2f Hz), %.3f s, %u Hz, 16-bit mono\n", path.c_str(),
+    // With the audio on stdout, the report goes to stderr.
+    std::fprintf(path == "-" ? stderr : stdout, "wrote %s: %s%s (%.2f Hz), %.3f s, %u Hz, 16-bit mono\n", path == "-" ? "stdout" : path.c_str(),
                 note_name(midi).c_str(), detune, f0, seconds, rate);
     return kExitOk;
 }
@@ -57,7 +63,8 @@ const Command kToneCommand = {
     "usage: woodshed tone OUT.wav [options]\n"
     "\n"
     "Helper for trying the tuner: writes a plucked-string tone (decaying\n"
-    "harmonics) of a known pitch as a 16-bit mono WAV file.\n"
+    "harmonics) of a known pitch as a 16-bit mono WAV file ('-': stdout).\n"
+    "Notes above 10 kHz (or 0.45 x the rate) cannot be sounded and are refused.\n"
     "\n"
     "options:\n"
     "  --note NAME|MIDI   pitch, e.g. E2, F#3, Bb3 or 45 (default A2, 110 Hz)\n"
@@ -65,7 +72,10 @@ const Command kToneCommand = {
     "  --a4 HZ            reference pitch of A4, 400..480 (default 440)\n"
     "  --seconds S        length, 0.05..600 (default 3)\n"
     "  --rate HZ          sample rate, 8000..192000 (default 48000)\n"
-    "  -h, --help         show this help\n",
+    "  -h, --help         show this help\n"
+    "\n"
+    "Exit status: 0 written, 2 bad usage (also a note it cannot sound), 5 the\n"
+    "file not written.\n",
     run_tone,
 };
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // woodshed tune: the tuner's readings of a recording over time; without a
 // file, the live tuner (cmd_tune_live.cpp).
 //
@@ -15,6 +16,8 @@
 #include <vector>
 
 #include "cli.hpp"
+#include "audio_files.hpp"
+#include "json_out.hpp"
 #include "live.hpp"
 #include "woodshed/tuner.h"
 
@@ -24,7 +27,7 @@ namespace {
 constexpr OptionSpec kSpecs[] = {
     {"a4", true},    {"note", true},  {"range", true},   {"tolerance", true},
     {"slow", false}, {"every", true}, {"context", true}, {"final-only", false},
-    {"device", true}, {"seconds", true},
+    {"device", true}, {"seconds", true}, {"json", false},
 };
 
 // The tuner analyses any rate outside these as if it were 48 kHz, so such
@@ -94,6 +97,16 @@ bool analyse(const TunerConfig& cfg, const std::vector<float>& audio, size_t cha
     return result == 1;
 }
 
+// One reading as a JSON object: the fields of the text lines, by name.
+Json reading_json(const TunerReading& r) {
+    return {{"note", r.note >= 0 ? Json(note_name(r.note)) : Json(nullptr)},
+            {"frequency_hz", r.frequency_hz},
+            {"cents", r.cents},
+            {"clarity", r.clarity},
+            {"state", state_word(r.state)},
+            {"clipped", r.clipped != 0}};
+}
+
 void print_header(const std::string& path, const AudioReader& reader, const TunerConfig& cfg) {
     const std::string target =
         cfg.fixed_note >= 0 ? "target " + note_name(cfg.fixed_note) : "chromatic";
@@ -107,9 +120,9 @@ void print_header(const std::string& path, const AudioReader& reader, const Tune
                       static_cast<double>(*len) / reader.sample_rate());
     }
     const uint32_t channels = reader.channels();
-    std::printf("%s: %s%u Hz%s, %u channel%s; A4 %.2f Hz, %s, %g..%g Hz, "
+    std::fprintf(stderr, "%s: %s%u Hz%s, %u channel%s; A4 %.2f Hz, %s, %g..%g Hz, "
                 "tolerance %g cents%s\n",
-                path.c_str(), length, reader.sample_rate(), resampled.c_str(), channels,
+                display_name(path).c_str(), length, reader.sample_rate(), resampled.c_str(), channels,
                 channels == 1 ? "" : "s", cfg.a4_hz, target.c_str(), cfg.lowest_hz,
                 cfg.highest_hz, cfg.tolerance_cents, cfg.slow_smoothing ? ", slow" : "");
 }
@@ -125,7 +138,7 @@ int run_live(const Options& opts) {
     const TunerConfig cfg = config_from(opts);
     const auto seconds = opts.value("seconds");
     return run_live_tune(cfg, opts.value("device").value_or(""),
-                         seconds ? parse_number("seconds", *seconds, 0.1, 1e6) : 0.0);
+                         seconds ? parse_number("seconds", *seconds, 0.1, 1e6) : 0.0, opts.flag("json"));
 }
 
 int run_tune(std::span<const std::string> args) {
@@ -150,14 +163,14 @@ int run_tune(std::span<const std::string> args) {
     const double every = number("every", 0.01, 3600, 0.25);
     const double context = number("context", 0.1, 60, 2.0);
     const bool timeline = !opts.flag("final-only");
+    const bool json = opts.flag("json");
     const std::string& path = opts.positionals()[0];
 
     install_interrupt_handler();
     AudioReader reader(path, kMinRate, kMaxRate, kFallbackRate);
     const size_t channels = reader.channels();
     if (channels > static_cast<size_t>(kMaxChannels)) {
-        throw Failure("'" + path + "' has " + std::to_string(channels) +
-                      " channels; the tuner takes at most 32");
+        input_error(path, std::to_string(channels) + " channels; the tuner takes at most 32");
     }
     const double rate = reader.sample_rate();
     const auto context_frames = static_cast<size_t>(std::llround(context * rate));
@@ -174,7 +187,7 @@ int run_tune(std::span<const std::string> args) {
     // Read before printing anything, so a file without audio fails cleanly.
     const size_t block = 16384;
     size_t got = reader.read(audio, block);
-    if (got == 0) throw Failure("cannot decode '" + path + "': no audio in the file");
+    if (got == 0) input_error(path, "no audio in the file");
     print_header(path, reader, cfg);
 
     Progress progress;
@@ -191,7 +204,13 @@ int run_tune(std::span<const std::string> args) {
             const size_t begin = end > context_frames ? end - context_frames : 0;
             if (analyse(cfg, audio, channels, rate, begin, end, r)) {
                 progress.make_room();
-                std::printf("%7.3fs  %s\n", t, describe(r).c_str());
+                if (json) {
+                    Json j = {{"time", t}};
+                    j.update(reading_json(r));
+                    print_json(j);
+                } else {
+                    std::printf("%7.3fs  %s\n", t, describe(r).c_str());
+                }
             }
             ++next_report;
         }
@@ -199,7 +218,7 @@ int run_tune(std::span<const std::string> args) {
             progress.clear();
             std::fflush(stdout);
             std::fprintf(stderr, "woodshed: interrupted after %.3f s of '%s'\n",
-                         seconds_of(decoded), path.c_str());
+                         seconds_of(decoded), display_name(path).c_str());
             return kExitInterrupted;
         }
         if (got == 0) break;
@@ -223,7 +242,15 @@ int run_tune(std::span<const std::string> args) {
     const bool have = analyse(cfg, audio, channels, rate, decoded - whole, decoded, r);
     progress.clear();
     const double seconds = seconds_of(decoded);
-    if (!have) {
+    if (json) {
+        Json j = {{"final", true}, {"seconds", seconds}, {"analysed_seconds", seconds_of(whole)}};
+        if (have) {
+            j.update(reading_json(r));
+        } else {
+            j["note"] = nullptr;  // shorter than one analysis window
+        }
+        print_json(j);
+    } else if (!have) {
         std::printf("final: no reading (%.3f s is shorter than one analysis window)\n", seconds);
     } else if (whole < decoded) {
         std::printf("final: %s  (last %.3f s of %.3f s)\n", describe(r).c_str(),
@@ -242,7 +269,7 @@ const Command kTuneCommand = {
     "tune [FILE] [options]",
     "live tuner, or the tuner's readings of a recording over time",
     "usage: woodshed tune [options]             live, from an input device\n"
-    "       woodshed tune FILE [options]        a recording (WAV, FLAC, MP3)\n"
+    "       woodshed tune FILE [options]        a recording (WAV, FLAC, MP3; '-': stdin)\n"
     "\n"
     "Without a FILE the tuner listens to the default input (or --device) and\n"
     "shows, redrawn in place: note, frequency, deviation in cents on a needle\n"
@@ -254,7 +281,8 @@ const Command kTuneCommand = {
     "With a FILE it runs the tuner over the recording and prints what it shows\n"
     "every --every seconds: time, note, frequency, deviation in cents, clarity\n"
     "and state. Each of these reports looks at the preceding --context seconds.\n"
-    "The last line, 'final:', is the reading after hearing the whole file.\n"
+    "The last line, 'final:', is the reading after hearing the whole file. A\n"
+    "header describing the file and the settings goes to stderr.\n"
     "\n"
     "options:\n"
     "  --a4 HZ            reference pitch of A4, 400..480 (default 440)\n"
@@ -264,8 +292,13 @@ const Command kTuneCommand = {
     "                     200..5000 (default 55..1200)\n"
     "  --tolerance CENTS  deviation still shown as in tune, 0.5..25 (default 5)\n"
     "  --slow             steadier, slower smoothing of the cents\n"
+    "  --json             JSON Lines instead of text: one object per reading\n"
+    "                     with note (null when none), frequency_hz, cents,\n"
+    "                     clarity, state, clipped, and time (s) or, on the last\n"
+    "                     line, final: true, seconds, analysed_seconds\n"
     "live only:\n"
-    "  --device ID        input to listen to, an ID from 'woodshed devices'\n"
+    "  --device DEVICE    input to listen to: an ID, an index or a name from\n"
+    "                     'woodshed devices'\n"
     "                     (default: the system's default input)\n"
     "  --seconds S        stop by itself after S seconds\n"
     "with a FILE only:\n"
@@ -275,8 +308,9 @@ const Command kTuneCommand = {
     "  -h, --help         show this help\n"
     "\n"
     "Files at sample rates outside 8000..384000 Hz are resampled to 48000 Hz.\n"
-    "Exit status: 0 done, 1 unreadable file or unusable input device, 2 bad\n"
-    "usage, 130 interrupted (Ctrl-C).\n",
+    "Exit status: 0 done, 1 the tuner refused the audio, 2 bad usage, 3 the file\n"
+    "unreadable or unusable, 4 no usable input device, 5 stdout not written,\n"
+    "130 interrupted (Ctrl-C, SIGTERM, SIGHUP).\n",
     run_tune,
 };
 

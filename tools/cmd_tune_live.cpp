@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // woodshed tune without a file: the live tuner on a capture device, shown as
 // a small display redrawn in place (or as plain lines when the output is not
 // a terminal).
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "cli.hpp"
+#include "json_out.hpp"
 #include "live.hpp"
 #include "woodshed/tuner.h"
 
@@ -24,7 +26,7 @@ constexpr double kClipHold = 1.0;        // a clip stays marked this long (s)
 struct Engine {
     explicit Engine(const TunerConfig& cfg) {
         const int32_t r = tn_engine_create(&cfg);
-        if (r != ws_ok) throw Failure("cannot start the tuner: " + result_text(r));
+        if (r != ws_ok) throw DeviceError("cannot start the tuner: " + result_text(r));
     }
     ~Engine() {
         tn_engine_stop();
@@ -109,41 +111,35 @@ std::string level_text(const TunerReading* r, bool clip) {
 
 }  // namespace
 
-int run_live_tune(const TunerConfig& config, const std::string& device_id, double seconds) {
+int run_live_tune(const TunerConfig& config, const std::string& device_id, double seconds, bool json) {
     install_interrupt_handler();
     Engine engine(config);
     const DeviceList inputs =
         read_devices("capture", tn_engine_refresh_devices, tn_engine_get_device);
-    const DeviceRecord* chosen = nullptr;
-    if (!device_id.empty()) {
-        chosen = find_device(inputs, device_id);
-        // The library would quietly fall back to the default input; a typed
-        // id that names nothing is more likely a mistake.
-        if (chosen == nullptr) {
-            throw Failure("no capture device has the ID '" + device_id +
-                          "' (see 'woodshed devices')");
-        }
-    } else {
-        chosen = default_device(inputs);
-    }
-    const int32_t started = tn_engine_start(device_id.empty() ? nullptr : device_id.c_str());
+    // The library would quietly fall back to the default input; a typed
+    // device that matches nothing is more likely a mistake.
+    const DeviceRecord* chosen =
+        device_id.empty() ? default_device(inputs) : &resolve_device(inputs, device_id, "capture");
+    const int32_t started = tn_engine_start(device_id.empty() ? nullptr : chosen->id_text);
     TunerStatus st{};
     tn_engine_get_status(&st);
     if (started != ws_ok) {
-        throw Failure(std::string("cannot open the ") + (device_id.empty() ? "default input" : "input") +
-                      ": " + result_text(started, st.backend_result));
+        if (inputs.devices.empty()) throw DeviceError(no_sound_text());
+        throw DeviceError(std::string("cannot open the ") + (device_id.empty() ? "default input" : "input") +
+                          ": " + result_text(started, st.backend_result));
     }
 
     const std::string target =
         config.fixed_note >= 0 ? "target " + note_name(config.fixed_note) : "chromatic";
-    std::printf("tune: listening to \"%s\" at %u Hz\n",
+    std::fprintf(stderr, "tune: listening to \"%s\" at %u Hz\n",
                 chosen != nullptr ? chosen->name : "the default input", st.sample_rate);
-    std::printf("A4 %g Hz, %s, tolerance %g cents%s; %s\n", config.a4_hz, target.c_str(),
+    std::fprintf(stderr, "A4 %g Hz, %s, tolerance %g cents%s; %s\n", config.a4_hz, target.c_str(),
                 config.tolerance_cents, config.slow_smoothing ? ", slow" : "",
                 seconds > 0 ? "stops by itself (Ctrl-C stops sooner)" : "Ctrl-C stops");
     std::fflush(stdout);
 
     LiveDisplay display;
+    if (json) display.finish();  // lines only
     const Clock::time_point start = Clock::now();
     TunerReading last{};
     bool have = false;
@@ -190,6 +186,24 @@ int run_live_tune(const TunerConfig& config, const std::string& device_id, doubl
                                               (clip ? "c" : "");
             const double since = now - last_plain;
             if ((key != last_key && since >= kPlainMinGap) || since >= kPlainEvery) {
+                if (json) {
+                    Json j = {{"time", now}};
+                    if (!trouble.empty()) j["trouble"] = trouble;
+                    if (shown) {
+                        j.update({{"note", shown->note >= 0 ? Json(note_name(shown->note)) : Json(nullptr)},
+                                  {"frequency_hz", shown->frequency_hz},
+                                  {"cents", shown->cents},
+                                  {"state", state_word(shown->state)},
+                                  {"level_db", shown->level_db},
+                                  {"clipped", clip}});
+                    }
+                    print_json(j);
+                    std::fflush(stdout);
+                    last_plain = now;
+                    last_key = key;
+                    sleep_ms(kPollMs);
+                    continue;
+                }
                 char level[32] = "";
                 if (shown) std::snprintf(level, sizeof level, "  %6.1f dBFS", shown->level_db);
                 const std::string body =

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "live.hpp"
 
 #include <algorithm>
@@ -21,6 +22,30 @@
 
 namespace cli {
 
+namespace {
+
+// What a back end without a server lists beside the cards: ALSA's plug-in
+// PCMs (rate converters, up/down mixers, bridges to other servers), known by
+// their plain names. The id text spells the back end's device name in hex.
+bool plugin(const DeviceRecord& d) {
+    std::string name;
+    const char* hex = d.id_text;
+    for (size_t i = 0; hex[i] != '\0' && hex[i + 1] != '\0'; i += 2) {
+        const char pair[3] = {hex[i], hex[i + 1], '\0'};
+        name += static_cast<char>(std::strtol(pair, nullptr, 16));
+    }
+    static constexpr const char* kPlugins[] = {"null", "lavrate", "samplerate", "speexrate", "jack", "oss",
+                                               "pulse", "speex", "upmix", "vdownmix", "a52", "pipewire"};
+    for (const char* p : kPlugins) {
+        const size_t n = std::strlen(p);
+        // "samplerate_best" and the like are variants of one.
+        if (name.compare(0, n, p) == 0 && (name.size() == n || name[n] == '_')) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
 std::string result_text(int32_t result, int32_t backend_result) {
     const char* words = "unknown error";
     switch (result) {
@@ -28,7 +53,7 @@ std::string result_text(int32_t result, int32_t backend_result) {
         case ws_already_created: words = "already in use in this program"; break;
         case ws_not_created: words = "not created"; break;
         case ws_invalid_argument: words = "invalid argument"; break;
-        case ws_backend_init_failed: words = "no audio back end is available"; break;
+        case ws_backend_init_failed: return no_sound_text();
         case ws_no_device: words = "no such device"; break;
         case ws_device_busy: words = "device busy or unavailable"; break;
         case ws_access_denied: words = "access to the device denied"; break;
@@ -45,7 +70,7 @@ DeviceList read_devices(const char* what, int32_t (*refresh)(),
                         int32_t (*get)(int32_t, DeviceRecord*)) {
     const int32_t count = refresh();
     if (count < 0) {
-        throw Failure(std::string("cannot list the ") + what + " devices: " + result_text(count));
+        throw DeviceError(std::string("cannot list the ") + what + " devices: " + result_text(count));
     }
     DeviceList list;
     for (int32_t i = 0; i < count; ++i) {
@@ -54,23 +79,47 @@ DeviceList read_devices(const char* what, int32_t (*refresh)(),
         // The record is NUL-padded, but a host never trusts that blindly.
         d.id_text[sizeof d.id_text - 1] = '\0';
         d.name[sizeof d.name - 1] = '\0';
-        list.devices.push_back(d);
+        if (!plugin(d)) list.devices.push_back(d);
     }
     return list;
 }
 
-const DeviceRecord* find_device(const DeviceList& list, const std::string& id) {
+const DeviceRecord& resolve_device(const DeviceList& list, const std::string& text, const char* what) {
+    const auto lower = [](std::string t) {
+        for (char& c : t) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        return t;
+    };
+    const std::string wanted = lower(text);
     for (const DeviceRecord& d : list.devices) {
-        const size_t n = std::strlen(d.id_text);
-        if (n != id.size() || n == 0) continue;
-        bool same = true;
-        for (size_t i = 0; i < n && same; ++i) {
-            same = std::tolower(static_cast<unsigned char>(d.id_text[i])) ==
-                   std::tolower(static_cast<unsigned char>(id[i]));
-        }
-        if (same) return &d;
+        if (!wanted.empty() && lower(d.id_text) == wanted) return d;
     }
-    return nullptr;
+    if (!text.empty() && text.size() < 4 &&
+        std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+        const size_t index = std::stoul(text);
+        if (index < list.devices.size()) return list.devices[index];
+    }
+    for (const DeviceRecord& d : list.devices) {
+        if (lower(d.name) == wanted) return d;
+    }
+    const DeviceRecord* found = nullptr;
+    int count = 0;
+    for (const DeviceRecord& d : list.devices) {
+        if (!wanted.empty() && lower(d.name).find(wanted) != std::string::npos) {
+            found = &d;
+            ++count;
+        }
+    }
+    if (count == 1) return *found;
+    throw DeviceError(std::string(count > 1 ? "several " : "no ") + what + " devices match '" + text +
+                      "' (give an ID, an index or a name from 'woodshed devices')");
+}
+
+std::string no_sound_text() {
+#if defined(_WIN32)
+    return "no sound server or sound card found (tried: WASAPI, DirectSound, WinMM)";
+#else
+    return "no sound server or sound card found (tried: PulseAudio, ALSA, JACK)";
+#endif
 }
 
 const DeviceRecord* default_device(const DeviceList& list) {
@@ -116,9 +165,12 @@ void LiveDisplay::draw(const std::vector<std::string>& lines) {
     out += '\r';
     if (shown_ > 1) out += "\x1b[" + std::to_string(shown_ - 1) + "A";
     const size_t count = std::max(lines.size(), shown_);
+    // One column short of the width: some terminals wrap on the last one.
+    const int columns = terminal_columns(stdout);
+    const size_t width = columns > 1 ? static_cast<size_t>(columns - 1) : 79;
     for (size_t i = 0; i < count; ++i) {
         if (i > 0) out += '\n';
-        if (i < lines.size()) out += lines[i];
+        if (i < lines.size()) out += lines[i].substr(0, width);
         out += "\x1b[K";
     }
     std::fputs(out.c_str(), stdout);
@@ -172,7 +224,7 @@ std::string metronome_position(const MetronomeSnapshot& s, int32_t count_in_bars
 
 FamilyInstance::FamilyInstance(int32_t (*create)(), int32_t (*destroy)(), const char* what) : destroy_(destroy) {
     const int32_t r = create();
-    if (r != ws_ok) throw Failure(std::string("cannot start the ") + what + ": " + result_text(r));
+    if (r != ws_ok) throw DeviceError(std::string("cannot start the ") + what + ": " + result_text(r));
 }
 
 }  // namespace cli

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Pieces shared by the commands that run on audio devices (devices, the live
 // tuner, the click): result codes as words, device lists, a display that
 // redraws itself on a terminal, and plain timing helpers.
@@ -38,12 +39,20 @@ struct DeviceList {
 };
 
 // Refreshes and copies one family's list through its refresh and get-device
-// calls; a Failure naming `what` when the refresh fails.
+// calls, leaving out what is no device (the ALSA plug-ins a back end without
+// a server offers); a DeviceError naming `what` when the refresh fails.
 DeviceList read_devices(const char* what, int32_t (*refresh)(),
                         int32_t (*get)(int32_t, DeviceRecord*));
 
-// The device whose id text equals `id` (hex, case ignored), or nullptr.
-const DeviceRecord* find_device(const DeviceList& list, const std::string& id);
+// The device that `text` names: its id text (hex, case ignored), its index
+// in the list as 'woodshed devices' shows it, or its name (whole, case
+// ignored, or a part that only one name contains). A DeviceError naming
+// `what` ("capture", "playback") when none or several match.
+const DeviceRecord& resolve_device(const DeviceList& list, const std::string& text, const char* what);
+
+// The one line for a machine without any: "no sound server or sound card
+// found (tried: ...)".
+std::string no_sound_text();
 
 // The device marked as the system default, or nullptr.
 const DeviceRecord* default_device(const DeviceList& list);
@@ -59,7 +68,7 @@ public:
     LiveDisplay& operator=(const LiveDisplay&) = delete;
 
     bool in_place() const { return in_place_; }
-    // Replaces the block shown last. Lines should stay within 79 columns:
+    // Replaces the block shown last. Lines are cut to the terminal's width:
     // a wrapped line would throw the cursor arithmetic off.
     void draw(const std::vector<std::string>& lines);
     // Leaves the last block on screen, shows the cursor, ends the line.
@@ -84,9 +93,9 @@ inline double seconds_between(Clock::time_point from, Clock::time_point to) {
 void sleep_ms(int ms);
 
 // The live tuner on the capture device `device_id` (empty: the default
-// input) until Ctrl-C, or for `seconds` when that is above 0. Returns the
-// exit status.
-int run_live_tune(const TunerConfig& config, const std::string& device_id, double seconds);
+// input) until Ctrl-C, or for `seconds` when that is above 0; `json` prints
+// JSON Lines instead of the display. Returns the exit status.
+int run_live_tune(const TunerConfig& config, const std::string& device_id, double seconds, bool json);
 
 // Where the click is: "count-in 1/2  beat 3/4" or "bar 7     beat 2/4", bars
 // and beats counted from 1 as musicians do.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /* miniaudio's implementation for the command-line program: decoding, and a
  * playback stream for the demo's musician. The library builds its own copy;
  * this one never leaves the executable. */

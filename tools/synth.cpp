@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "synth.hpp"
 
 #include <algorithm>
@@ -15,7 +16,7 @@ std::vector<float> pluck(double f0, double seconds, uint32_t rate, double peak_o
     constexpr double kPluckAt = 0.18;
     // Long tones decay more slowly so the note is still clearly there at the end.
     const double tau1 = std::max(1.0, 0.6 * seconds);
-    const double top = std::min(0.45 * rate, 10000.0);
+    const double top = pluck_top(rate);
     for (int k = 1; k * f0 < top; ++k) {
         const double amp = std::fabs(std::sin(k * std::numbers::pi * kPluckAt)) / k;
         const double tau = tau1 / (1.0 + 0.35 * (k - 1));

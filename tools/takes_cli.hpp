@@ -1,60 +1,56 @@
-// What the align and clean commands share: their options, the messages for
-// the take tools' result codes, and the report lines.
+// SPDX-License-Identifier: MIT
+// What the align and clean commands share: reading any audio file the
+// program decodes into what the take tools take (16-bit PCM WAV, mono or
+// stereo) through a private temporary copy, the checks of the options
+// against the files, the library's result codes as messages, the report.
 #pragma once
 
 #include <chrono>
-#include <cmath>
-#include <cstdio>
+#include <cstdint>
+#include <memory>
 #include <string>
 #include <utility>
 
+#include "audio_files.hpp"
 #include "cli.hpp"
 #include "woodshed/takes.h"
 
 namespace cli::takes {
 
-// --from SECONDS as whole milliseconds.
-inline int32_t offset_ms(const Options& opts) {
-    const auto v = opts.value("from");
-    return v ? static_cast<int32_t>(std::lround(parse_number("from", *v, 0.0, 2e6) * 1000.0)) : 0;
-}
+// One file as the take tools will read it.
+struct Input {
+    std::string path;          // the user's
+    std::string library_path;  // the file itself, or the converted copy
+    std::unique_ptr<TempFile> copy;
+    FileFacts facts;
+    std::string encoding;  // "24-bit PCM WAV", "FLAC", ...
+    uint32_t rate = 0;
+    uint32_t channels = 0;
+    uint64_t frames = 0;
+};
 
-// --range MIN..MAX in ms (default 0..500).
-inline std::pair<int32_t, int32_t> range_ms(const Options& opts) {
-    const auto v = opts.value("range");
-    if (!v) return {0, 500};
-    const auto [lo, hi] = parse_range("range", *v);
-    if (!(std::fabs(lo) <= 2e6 && std::fabs(hi) <= 2e6) || lo > hi) {
-        throw UsageError("--range must be MIN..MAX in ms, MIN <= MAX, within +-2000000");
-    }
-    return {static_cast<int32_t>(std::lround(lo)), static_cast<int32_t>(std::lround(hi))};
-}
+// The file itself when the take tools read it as it is; otherwise a 16-bit
+// copy made next to `temp_beside` (the system's temporary folder if empty).
+// `convert` forces the copy. InputErrors name the file.
+Input prepare(const std::string& path, const std::string& temp_beside, bool convert = false);
 
-// Turns a failing result code into the command's one-line failure.
-inline void check(int32_t rc, const std::string& backing, const std::string& take) {
-    if (rc == ws_ok) return;
-    if (rc == ws_unsupported_format) {
-        throw Failure("cannot use '" + backing + "' and '" + take +
-                      "': both must be readable 16-bit PCM WAV files at one sample rate, and a cleaned "
-                      "take must be replaceable (not read-only)");
-    }
-    if (rc == ws_invalid_argument) {
-        throw Failure("take too short to clean (8192 frames at least), or nothing of the backing left "
-                      "after --from");
-    }
-    throw Failure("take tools failed with code " + std::to_string(rc));
-}
+// One rate for both, two different files: otherwise an InputError or a
+// UsageError.
+void check_pair(const Input& backing, const Input& take);
 
-inline void print_delay(const TakeAnalysis& a) {
-    const double ms = a.sample_rate > 0 ? 1000.0 * static_cast<double>(a.delay_frames) / a.sample_rate : 0.0;
-    std::printf("delay: %lld frames (%.2f ms at %u Hz)\nscore: %.1f\nvalid: %s\n",
-                static_cast<long long>(a.delay_frames), ms, a.sample_rate, a.score, a.valid ? "yes" : "no");
-}
+// --from SECONDS as whole ms, inside the backing.
+int32_t offset_ms(const Options& opts, const Input& backing);
+
+// --range MIN..MAX in ms (default 0..500), reaching into the take.
+std::pair<int32_t, int32_t> range_ms(const Options& opts, const Input& take);
+
+// A failing result code as the command's one-line failure.
+void check(int32_t rc, const Input& backing, const Input& take);
+
+// The analysis: as lines, or as one JSON object with `extra` keys.
+void print_delay(const TakeAnalysis& a);
 
 // Long files take a noticeable while; say how long.
-inline void print_elapsed(std::chrono::steady_clock::time_point start) {
-    const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    if (s >= 1.0) std::printf("elapsed: %.1f s\n", s);
-}
+void print_elapsed(std::chrono::steady_clock::time_point start);
 
 }  // namespace cli::takes

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "wav_file.hpp"
 
 #include <algorithm>
@@ -58,7 +59,9 @@ std::string temporary_name(const std::string& path) {
 
 }  // namespace
 
-std::vector<unsigned char> wav16_header(uint32_t rate, uint32_t channels, uint32_t data_bytes) {
+std::vector<unsigned char> wav_header(uint32_t rate, uint32_t channels, WavEncoding encoding,
+                                      uint32_t data_bytes) {
+    const uint32_t width = encoding.bits / 8u;
     std::vector<unsigned char> h;
     h.reserve(44);
     put_tag(h, "RIFF");
@@ -66,22 +69,41 @@ std::vector<unsigned char> wav16_header(uint32_t rate, uint32_t channels, uint32
     put_tag(h, "WAVE");
     put_tag(h, "fmt ");
     put32(h, 16);  // fmt chunk size
-    put16(h, 1);   // PCM
+    put16(h, encoding.format);
     put16(h, channels);
     put32(h, rate);
-    put32(h, rate * channels * 2);  // bytes per second
-    put16(h, channels * 2);         // bytes per frame
-    put16(h, 16);                   // bits per sample
+    put32(h, rate * channels * width);  // bytes per second
+    put16(h, channels * width);         // bytes per frame
+    put16(h, encoding.bits);
     put_tag(h, "data");
     put32(h, data_bytes);
     return h;
 }
 
-void append_pcm16(std::vector<unsigned char>& out, const float* samples, size_t count) {
-    out.reserve(out.size() + count * 2);
+void append_samples(std::vector<unsigned char>& out, const float* samples, size_t count, WavEncoding e) {
+    out.reserve(out.size() + count * (e.bits / 8u));
     for (size_t i = 0; i < count; ++i) {
-        const long q = std::lround(std::clamp(samples[i], -1.0f, 1.0f) * 32767.0f);
-        put16(out, static_cast<uint32_t>(q) & 0xffff);
+        const float v = std::clamp(samples[i], -1.0f, 1.0f);
+        if (e.format == 3 && e.bits == 64) {
+            const double d = v;
+            unsigned char b[8];
+            std::memcpy(b, &d, 8);  // the hosts built for are little-endian
+            out.insert(out.end(), b, b + 8);
+        } else if (e.format == 3) {
+            uint32_t u;
+            std::memcpy(&u, &v, 4);
+            put32(out, u);
+        } else if (e.bits == 8) {
+            out.push_back(static_cast<unsigned char>(std::lround(v * 127.0f) + 128));
+        } else if (e.bits == 24) {
+            const auto q = static_cast<uint32_t>(std::lround(static_cast<double>(v) * 8388607.0));
+            put16(out, q & 0xffff);
+            out.push_back(static_cast<unsigned char>((q >> 16) & 0xff));
+        } else if (e.bits == 32) {
+            put32(out, static_cast<uint32_t>(std::llround(static_cast<double>(v) * 2147483647.0)));
+        } else {
+            put16(out, static_cast<uint32_t>(std::lround(v * 32767.0f)) & 0xffff);
+        }
     }
 }
 
@@ -96,12 +118,19 @@ bool read_only(const std::string& path) {
 }
 
 WavFile::WavFile(const std::string& target) : target_(target), temp_(temporary_name(target)) {
-    if (read_only(target_)) throw Failure("'" + target_ + "' is read-only; not replaced");
+    if (target_ == "-") {
+        to_stdout_ = true;
+        file_ = stdout;
+        binary_mode(stdout);
+        return;
+    }
+    if (read_only(target_)) output_error(target_, "read-only; not replaced");
     file_ = open_file(temp_, "wb");
     if (file_ == nullptr) fail(errno);
 }
 
 WavFile::~WavFile() {
+    if (to_stdout_) return;
     if (file_ != nullptr) std::fclose(file_);
     if (!done_) remove_file(temp_);
 }
@@ -111,16 +140,21 @@ void WavFile::write(const void* data, size_t bytes) {
 }
 
 void WavFile::commit() {
+    if (to_stdout_) {
+        check_stdout();
+        done_ = true;
+        return;
+    }
     FILE* f = file_;
     file_ = nullptr;
     if (std::fclose(f) != 0) fail(errno);
     const std::string why = replace_file(temp_, target_);
-    if (!why.empty()) throw Failure("cannot write '" + target_ + "': " + why);
+    if (!why.empty()) output_error(target_, why);
     done_ = true;
 }
 
 void WavFile::fail(int error) {
-    throw Failure("cannot write '" + target_ + "': " + (error != 0 ? std::strerror(error) : "write failed"));
+    output_error(target_, error != 0 ? std::strerror(error) : "write failed");
 }
 
 void write_wav16(const std::string& path, const std::vector<float>& interleaved, uint32_t channels,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The Windows API for the command-line program, without the macros that
 // clash with the standard library (min, max) and without the rarely used
 // parts. Empty elsewhere.

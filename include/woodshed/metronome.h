@@ -52,14 +52,15 @@ typedef enum mn_level {
  *   swing               0.5..0.75, clamped; NaN or infinite becomes 0.5
  *   master_gain, accent_gain, beat_gain, subdivision_gain, drop_probability,
  *   poly_gain           0..1; NaN, infinite or negative becomes 0, above 1 becomes 1
- *   sound               0..5, anything else becomes 0
+ *   sound               0..5: woodblock, beep, tick, hihat, cowbell, clave;
+ *                       anything else becomes 0
  *   count_in_bars       0..8, clamped
  *   play_bars           0..64, clamped
  *   mute_bars           0..64, clamped; when it is then 1 or more and
  *                       play_bars is 0, play_bars becomes 1
  *   random_seed         any; 0 selects the default seed 0x9E3779B9
  *   poly_pulses         0..32, clamped (0: no second rhythm)
- *   poly_sound          0..5, anything else becomes 5 (not 0: deliberate)
+ *   poly_sound          0..5 as sound, anything else becomes 5 (not 0: deliberate)
  *   ramp_mode           mn_ramp_mode; anything else becomes 0
  *   ramp_target_ubpm    10000000..400000000, clamped
  *   ramp_step_ubpm      0..100000000, clamped; 0 means 4 BPM (4000000)

@@ -61,10 +61,10 @@ usage_cases=(
   "2 record --backing backing.wav --take t.wav --seconds 0"
   "2 record --backing backing.wav --take t.wav extra"
   "2 record --backing backing.wav --take t.wav --bogus"
-  "1 record --backing missing.wav --take t.wav"
-  "1 record --backing b24.wav --take t.wav"
-  "1 record --backing backing.wav --take no-such-dir/t.wav"
-  "1 record --backing backing.wav --take t.wav --input no-such-input"
+  "3 record --backing missing.wav --take t.wav"
+  "3 record --backing b24.wav --take t.wav"
+  "5 record --backing backing.wav --take no-such-dir/t.wav"
+  "4 record --backing backing.wav --take t.wav --input no-such-input"
 )
 for c in "${usage_cases[@]}"; do
   read -r -a words <<< "$c"
@@ -82,7 +82,7 @@ for c in "${usage_cases[@]}"; do
 done
 if [ ! -e t.wav ]; then pass; else fail "a refused take left a file behind"; fi
 run record --backing missing.wav --take t.wav
-if [ "$err" = "woodshed: cannot read 'missing.wav'" ]; then pass; else fail "missing backing: $err"; fi
+if [ "$err" = "woodshed: missing.wav: no such file" ]; then pass; else fail "missing backing: $err"; fi
 for args in "record --help" "help record"; do
   read -r -a words <<< "$args"
   run "${words[@]}"

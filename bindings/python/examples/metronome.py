@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Renders two bars of a 3/4 click at 96 BPM to a WAV file (click.wav or the
 first argument); with --live, plays it for four seconds, then faster."""
 import array

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Records a take while a backing track plays:
     recorder.py BACKING.wav TAKE.wav [SECONDS [START_MS]]
 The backing is a 16-bit PCM WAV file; the take is written as mono 16-bit

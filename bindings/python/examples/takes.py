@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Finds the backing track's delay in a take and removes its leak:
     takes.py BACKING.wav TAKE.wav [START_MS]
 START_MS is where in the backing the take began. The take is rewritten."""

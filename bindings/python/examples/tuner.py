@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Tunes a generated string tone offline; with --live, shows five seconds of
 live readings from the default input."""
 import math

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Signals, WAV files and the test sound server, for the binding's tests."""
 from __future__ import annotations
 

@@ -1,13 +1,13 @@
-"""The example scripts compile and, where they need no device, run."""
+# SPDX-License-Identifier: MIT
+"""The example scripts that need no device run and print what they promise."""
 import os
 import pathlib
-import py_compile
 import subprocess
 import sys
 import tempfile
 import unittest
 
-from .support import LiveTest, noise, read_wav, write_wav
+from .support import noise, read_wav, write_wav
 
 EXAMPLES = pathlib.Path(__file__).resolve().parents[1] / "examples"
 
@@ -27,13 +27,6 @@ class Examples(unittest.TestCase):
         self.addCleanup(tmp.cleanup)
         self.dir = tmp.name
 
-    def test_all_compile(self):
-        scripts = sorted(p.name for p in EXAMPLES.glob("*.py"))
-        self.assertEqual(scripts, ["metronome.py", "recorder.py", "takes.py", "tuner.py"])
-        for name in scripts:
-            with self.subTest(name):
-                py_compile.compile(str(EXAMPLES / name), cfile=os.path.join(self.dir, name + "c"), doraise=True)
-
     def test_tuner_names_the_tone(self):
         self.assertRegex(run("tuner.py"), r"^G3  196\.\d\d Hz  \+6\.\d cents  PITCHED")
 
@@ -51,16 +44,6 @@ class Examples(unittest.TestCase):
         out = run("takes.py", backing, take)
         self.assertIn("delay 300 frames (6.8 ms)", out)
         self.assertIn("rewritten", out)
-
-
-class LiveExamples(LiveTest):
-    def test_recorder_records_a_take(self):
-        backing, take = os.path.join(self.tmp.name, "backing.wav"), os.path.join(self.tmp.name, "take.wav")
-        write_wav(backing, noise(44100, 0.5, seed=3), 44100)
-        out = run("recorder.py", backing, take, "1")
-        _, params = read_wav(take)
-        self.assertIn(f"{take}: {params.nframes * 1000 // 44100} ms", out)
-        self.assertGreater(params.nframes, 0)
 
 
 if __name__ == "__main__":

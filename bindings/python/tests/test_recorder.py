@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The duplex recorder through the binding: a take recorded from the test
 sink's monitor while a generated backing plays into the sink."""
 import os

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The tuner through the binding: tones of known pitch offline, and the live
 engine hearing a tone played into the test sink."""
 import array
@@ -15,8 +16,6 @@ class Offline(unittest.TestCase):
     def test_tones_of_known_pitch(self):
         cents8 = 2 ** (8 / 1200)
         rows = [  # frequency, rate, config, note, name, cents
-            (196.0, 48000, None, 55, "G3", 0.0),
-            (440.0 * cents8, 48000, None, 69, "A4", 8.0),
             (82.406889, 44100, None, 40, "E2", 0.0),
             (440.0 * cents8, 48000, woodshed.TunerConfig(a4_hz=442), 69, "A4", 8 - 1200 * math.log2(442 / 440)),
             (440.0 * cents8, 96000, woodshed.TunerConfig(fixed_note=64), 64, "E4", 508.0),

@@ -2,8 +2,11 @@
 take tools of the woodshed library, through ctypes.
 
 The library is loaded from WOODSHED_LIBRARY when set (a full path), else
-from next to this package or the system's library path.
+from next to this package, the prefix Python is installed in, or the
+system's library path.
 """
+# SPDX-License-Identifier: MIT
+from ._version import __version__
 from ._lib import (ABI_VERSION, ERRORS, AccessDenied, AlreadyCreated, BackendInitFailed, Device, DeviceBusy,
                    DeviceFailure, InvalidArgument, NoDevice, NotCreated, UnsupportedFormat, WoodshedError,
                    library_path)
@@ -17,6 +20,7 @@ from .takes import analyze_take, clean_take
 from .tuner import Tuner, capabilities, tune_offline
 
 __all__ = [
+    "__version__",
     "ABI_VERSION", "ERRORS", "AccessDenied", "AlreadyCreated", "BackendInitFailed", "Device", "DeviceBusy",
     "DeviceFailure", "InvalidArgument", "NoDevice", "NotCreated", "UnsupportedFormat", "WoodshedError",
     "library_path", "ClickState", "DeviceRecord", "DeviceState", "EngineState", "Level", "MetronomeConfig",

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Loads the woodshed library, declares every export's prototype and turns
 negative result codes into exceptions."""
 from __future__ import annotations
@@ -5,6 +6,7 @@ from __future__ import annotations
 import array
 import ctypes
 import ctypes.util
+import errno
 import os
 import sys
 from ctypes import POINTER, c_char_p, c_double, c_float, c_int32, c_int64
@@ -20,8 +22,11 @@ _NAMES = ("woodshed.dll",) if sys.platform == "win32" else ("libwoodshed.so.0", 
 
 
 def _candidates() -> list[str]:
+    # Beside the package, then the prefix Python is installed in (where
+    # 'cmake --install' and pip put things into one tree), then the system's.
     here = os.path.dirname(os.path.abspath(__file__))
-    found = [os.path.join(d, n) for d in (here, os.path.dirname(here)) for n in _NAMES]
+    prefix = [os.path.join(sys.prefix, d) for d in ("lib", "lib64", "bin")]
+    found = [os.path.join(d, n) for d in (here, os.path.dirname(here), *prefix) for n in _NAMES]
     return [p for p in found if os.path.isfile(p)] + list(_NAMES)
 
 
@@ -206,6 +211,25 @@ def text_arg(value: Union[str, bytes, None]) -> Optional[bytes]:
     if b"\0" in data:
         raise ValueError("text with an embedded NUL")
     return data
+
+
+def existing_file(path: bytes) -> bytes:
+    """`path` (from path_arg) when it names a file; FileNotFoundError or
+    IsADirectoryError otherwise, as Python's own file calls raise."""
+    name = os.fsdecode(path)
+    if os.path.isdir(path):
+        raise IsADirectoryError(errno.EISDIR, os.strerror(errno.EISDIR), name)
+    if not os.path.exists(path):
+        raise FileNotFoundError(errno.ENOENT, os.strerror(errno.ENOENT), name)
+    return path
+
+
+def rate_arg(rate: float) -> float:
+    """A sample rate the library can work at: 1000..768000 Hz, else ValueError."""
+    rate = float(rate)
+    if not (1000.0 <= rate <= 768000.0):
+        raise ValueError(f"sample rate {rate} Hz outside 1000..768000")
+    return rate
 
 
 def path_arg(path: Union[str, bytes, os.PathLike, None]) -> Optional[bytes]:

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The library's records as ctypes structures, and their enumerations.
 
 The headers lock every record's size and field offsets; the same numbers are

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The metronome: the live click on a playback device, and offline rendering."""
 from __future__ import annotations
 
@@ -5,7 +6,7 @@ import array
 import ctypes
 from typing import Optional, Union
 
-from ._lib import Device, call, device_arg, int32_arg, int64_arg, list_devices
+from ._lib import Device, call, device_arg, int32_arg, int64_arg, list_devices, rate_arg
 from ._records import UBPM, ClickState, MetronomeConfig, MetronomeSnapshot, MetronomeStatus
 
 
@@ -20,7 +21,7 @@ def render_metronome(config: MetronomeConfig, sample_rate: float, frames: int,
     out = array.array("f", bytes(4 * max(count, 1)))
     buffer = (ctypes.c_float * len(out)).from_buffer(out)
     cfg = ctypes.byref(config) if config is not None else None
-    call("mn_render_offline", cfg, float(sample_rate), frames, channels, buffer)
+    call("mn_render_offline", cfg, rate_arg(sample_rate), frames, channels, buffer)
     del buffer  # releases the export so the array may be resized by the caller
     return out
 

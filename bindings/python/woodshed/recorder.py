@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The duplex recorder: plays a backing track and records a take aligned with it."""
 from __future__ import annotations
 

@@ -1,10 +1,11 @@
+# SPDX-License-Identifier: MIT
 """The tuner: offline analysis of samples the host holds, and the live engine."""
 from __future__ import annotations
 
 import ctypes
 from typing import Optional, Union
 
-from ._lib import Device, call, device_arg, float_samples, int32_arg, lib, list_devices
+from ._lib import Device, call, device_arg, float_samples, int32_arg, lib, list_devices, rate_arg
 from ._records import EngineState, TunerConfig, TunerReading, TunerStatus
 
 
@@ -12,13 +13,14 @@ def tune_offline(samples, sample_rate: float, config: Optional[TunerConfig] = No
                  channels: int = 1) -> Optional[TunerReading]:
     """The reading the live tuner would show after hearing `samples` (floats,
     interleaved by frame when `channels` > 1): None when they are shorter
-    than one analysis window."""
+    than one analysis window. ValueError for a rate outside 1000..768000 Hz."""
+    sample_rate = rate_arg(sample_rate)
     buffer, count = float_samples(samples)
     channels = int32_arg("channels", channels)
     frames = int32_arg("frames", count // channels if channels > 0 else 0)
     reading = TunerReading()
     cfg = ctypes.byref(config) if config is not None else None
-    got = call("tn_offline_process", cfg, buffer, frames, channels, float(sample_rate), ctypes.byref(reading))
+    got = call("tn_offline_process", cfg, buffer, frames, channels, sample_rate, ctypes.byref(reading))
     return reading if got == 1 else None
 
 
