@@ -1,0 +1,164 @@
+#include "recorder/aligner.hpp"
+
+#include <algorithm>
+#include <cmath>
+
+namespace ws::recorder {
+
+namespace {
+// Normalised correlation of input and backing: at or above kHeard the
+// backing is taken as heard at that lag; a lag that keeps at least kHolds
+// still holds (a loud player or a quiet bar lowers it, a moved round trip
+// takes it near zero).
+constexpr double kHeard = 0.5;
+constexpr double kHolds = 0.3;
+// Below this mean square (-80 dBFS) a block says nothing either way.
+constexpr double kQuiet = 1e-8;
+constexpr int64_t kSeamStep = 256;  // resolution of the seam's position
+
+double dot(const float* a, const float* b, size_t n) {
+    float acc[8] = {};
+    size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        for (size_t j = 0; j < 8; ++j) acc[j] += a[i + j] * b[i + j];
+    }
+    double s = 0.0;
+    for (; i < n; ++i) s += static_cast<double>(a[i]) * b[i];
+    for (float v : acc) s += v;
+    return s;
+}
+}  // namespace
+
+void Aligner::prepare(const float* backing, int64_t backing_frames, int64_t start_frame, uint32_t rate) {
+    backing_ = backing_frames > 0 ? backing : nullptr;
+    backing_frames_ = backing_frames;
+    start_ = start_frame;
+    rate_ = rate;
+    // About 43 ms per block at any rate.
+    block_ = std::max<size_t>(256, (static_cast<size_t>(rate) * 2048 / 48000 + 7) / 8 * 8);
+    staging_.clear();
+    base_ = received_ = emitted_ = next_block_ = 0;
+    edits_.clear();
+    lag_ = -1;
+    suspect_ = -1;
+    next_acquire_ = next_search_ = 0;
+    repairs_ = 0;
+}
+
+void Aligner::push(const float* x, size_t n) {
+    staging_.insert(staging_.end(), x, x + n);
+    received_ += static_cast<int64_t>(n);
+}
+
+float Aligner::ref_at(int64_t raw, int64_t lag) const {
+    const int64_t i = start_ + raw - lag;
+    if (i < 0 || i >= backing_frames_) return 0.0f;
+    return backing_[2 * i] + backing_[2 * i + 1];
+}
+
+int64_t Aligner::settled() const {
+    if (backing_ == nullptr) return received_;
+    if (lag_ < 0) return next_block_;
+    int64_t limit = next_block_ - 2 * static_cast<int64_t>(block_);
+    if (suspect_ >= 0) limit = std::min(limit, suspect_ - static_cast<int64_t>(block_));
+    return std::max(limit, emitted_);
+}
+
+double Aligner::score(int64_t a, size_t n, int64_t lag) const {
+    double xr = 0, xx = 0, rr = 0;
+    for (size_t i = 0; i < n; ++i) {
+        const double x = in_at(a + static_cast<int64_t>(i));
+        const double r = ref_at(a + static_cast<int64_t>(i), lag);
+        xr += x * r;
+        xx += x * x;
+        rr += r * r;
+    }
+    return xx > 0 && rr > 0 ? xr / std::sqrt(xx * rr) : 0.0;
+}
+
+bool Aligner::search(int64_t a, size_t n, int64_t lo, int64_t hi, int64_t& best_lag, double& best) const {
+    lo = std::max<int64_t>(lo, 0);
+    if (hi < lo) return false;
+    // The backing from the earliest to the latest frame any lag reads.
+    const size_t span = n + static_cast<size_t>(hi - lo);
+    std::vector<float> ref(span);
+    for (size_t k = 0; k < span; ++k) ref[k] = ref_at(a - hi + static_cast<int64_t>(k), 0);
+    std::vector<float> x(n);
+    double xx = 0;
+    for (size_t i = 0; i < n; ++i) {
+        x[i] = in_at(a + static_cast<int64_t>(i));
+        xx += double(x[i]) * x[i];
+    }
+    // Energy of the backing window at lag hi, then slid towards lo.
+    double rr = 0;
+    for (size_t i = 0; i < n; ++i) rr += double(ref[i]) * ref[i];
+    best = 0.0;
+    for (int64_t lag = hi;; --lag) {
+        const size_t off = static_cast<size_t>(hi - lag);
+        const double c = rr > 1e-12 ? dot(x.data(), ref.data() + off, n) / std::sqrt(xx * rr) : 0.0;
+        if (c > best) {
+            best = c;
+            best_lag = lag;
+        }
+        if (lag == lo) break;
+        rr += double(ref[off + n]) * ref[off + n] - double(ref[off]) * ref[off];
+    }
+    return best > 0.0;
+}
+
+void Aligner::analyse_block(int64_t a) {
+    const size_t n = block_;
+    double xx = 0;
+    for (size_t i = 0; i < n; ++i) xx += double(in_at(a + static_cast<int64_t>(i))) * in_at(a + static_cast<int64_t>(i));
+    if (xx < kQuiet * static_cast<double>(n)) return;
+    const int64_t second = rate_;
+    if (lag_ < 0) {
+        // Look for the backing once a second during the first ten seconds,
+        // then every five: a take on headphones never finds it, and the
+        // search is the costly part.
+        if (a < next_acquire_) return;
+        next_acquire_ = a + (a < 10 * second ? second : 5 * second);
+        int64_t lag = -1;
+        double best = 0;
+        if (search(a, n, 0, second / 2, lag, best) && best >= kHeard) lag_ = lag;
+        return;
+    }
+    double holds = 0;
+    for (int64_t d = -1; d <= 1; ++d) holds = std::max(holds, score(a, n, lag_ + d));
+    if (holds >= kHolds) {
+        suspect_ = -1;
+        return;
+    }
+    double rr = 0;
+    for (size_t i = 0; i < n; ++i) rr += double(ref_at(a + static_cast<int64_t>(i), lag_)) * ref_at(a + static_cast<int64_t>(i), lag_);
+    if (rr < kQuiet * static_cast<double>(n)) return;  // the backing is silent here
+    if (suspect_ < 0) suspect_ = a;
+    if (a >= next_search_) {
+        int64_t lag = -1;
+        double best = 0;
+        if (search(a, n, lag_ - second / 4, lag_ + second / 4, lag, best) && best >= kHeard &&
+            std::llabs(lag - lag_) > 1) {
+            // The seam: the first stretch that matches the new lag better
+            // than the old one, from a block before the first that failed.
+            int64_t seam = suspect_;
+            for (int64_t t = std::max(emitted_, suspect_ - static_cast<int64_t>(n)); t + kSeamStep <= a + static_cast<int64_t>(n);
+                 t += kSeamStep) {
+                if (score(t, kSeamStep, lag) > score(t, kSeamStep, lag_)) {
+                    seam = t;
+                    break;
+                }
+            }
+            edits_.push_back({seam, lag - lag_});
+            ++repairs_;
+            lag_ = lag;
+            suspect_ = -1;
+            return;
+        }
+        next_search_ = a + second / 2;
+    }
+    // A lag that neither holds nor moves for two seconds: the backing is
+    // drowned out; go on by the frame counts.
+    if (a - suspect_ > 2 * second) suspect_ = -1;
+}
+
+}  // namespace ws::recorder
