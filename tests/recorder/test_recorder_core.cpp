@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstring>
 #include <limits>
 #include <thread>
@@ -219,6 +220,68 @@ TEST(RecorderLoad, WithoutDropsEverySampleArrivesInOrder) {
         const int s = static_cast<int>(k % 65536) - 32768;
         const int want = s > 0 ? s - 1 : (s < 0 ? s + 1 : 0);
         ASSERT_EQ(t.samples[k], want) << k;
+    }
+}
+
+
+
+// ---- a round trip that moves ------------------------------------------------
+
+// A fake duplex device at 48000 Hz whose input hears its own output after a
+// round trip of `delay` frames. At 3 s the server falls behind (300 frames
+// of silence enter the loop: the round trip grows), at 6 s it skips ahead
+// (480 frames vanish: the round trip shrinks). The writer must repair both
+// where they happen, so the take holds the backing at one delay throughout.
+TEST(RecorderAlignment, AMovedRoundTripIsRepairedWhereItMoved) {
+    constexpr uint32_t kDevice = 48000, kBlock = 480;
+    constexpr int kDelay = 960;  // 20 ms: 882 frames at 44100 Hz
+    ScratchDir dir("seam");
+    const std::vector<int16_t> noise = noise16(10 * 44100, 12000, 21);
+    write_bytes(dir.file("b.wav"), pcm16_wav(1, 44100, noise));
+    RecorderCore core;
+    core.set_device_rate(kDevice);
+    ASSERT_EQ(core.load_track(dir.file("b.wav").c_str()), LoadResult::ok);
+    ASSERT_TRUE(core.take().create(dir.file("t.wav").c_str()));
+    core.arm(0);
+    core.set_recording(true);
+    std::vector<float> loop(kDelay, 0.0f);  // what the input hears next
+    std::vector<float> out(2 * kBlock);
+    for (uint32_t p = 0; p < 9 * kDevice / kBlock; ++p) {
+        if (p == 3 * kDevice / kBlock) loop.insert(loop.begin(), 300, 0.0f);
+        if (p == 6 * kDevice / kBlock) loop.erase(loop.begin(), loop.begin() + 480);
+        core.process(out.data(), loop.data(), kBlock);
+        loop.erase(loop.begin(), loop.begin() + kBlock);
+        for (uint32_t i = 0; i < kBlock; ++i) loop.push_back(0.5f * (out[2 * i] + out[2 * i + 1]));
+        if (p % 4 == 0) {
+            ASSERT_TRUE(core.writer().pass());
+        }
+    }
+    core.writer().drain_rest();
+    core.take().finish();
+    EXPECT_EQ(core.repairs(), 2);
+
+    const Take t = read_take(dir.file("t.wav"));
+    // The delay of each 50 ms window of the take, away from the seams.
+    for (double at : {0.5, 1.5, 2.8, 3.3, 4.5, 5.8, 6.3, 7.5, 8.5}) {
+        const auto from = static_cast<size_t>(at * 44100);
+        int best_lag = 0;
+        double best = 0;
+        for (int lag = 800; lag <= 1200; ++lag) {
+            double tb = 0, tt = 0, bb = 0;
+            for (size_t i = from; i < from + 2205; ++i) {
+                const double b = noise[i - static_cast<size_t>(lag)], x = t.samples[i];
+                tb += x * b;
+                tt += x * x;
+                bb += b * b;
+            }
+            const double c = tb / std::sqrt(tt * bb + 1e-30);
+            if (c > best) {
+                best = c;
+                best_lag = lag;
+            }
+        }
+        EXPECT_NEAR(best_lag, 882, 1) << "at " << at << " s (score " << best << ")";
+        EXPECT_GT(best, 0.9) << "at " << at << " s";
     }
 }
 
