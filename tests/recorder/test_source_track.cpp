@@ -21,10 +21,6 @@ using ws::recorder::LoadResult;
 using ws::recorder::SourceTrack;
 using namespace ws::test::recorder;
 
-std::vector<uint8_t> bytes_of(const char* text) {
-    return std::vector<uint8_t>(text, text + std::strlen(text));
-}
-
 struct FileCase {
     const char* label;
     std::vector<uint8_t> bytes;
@@ -39,9 +35,7 @@ std::vector<FileCase> file_cases() {
     rows.push_back({"16-bit mono 8000", pcm16_wav(1, 8000, four), true, 23});  // ceil(4 * 5.5125)
     rows.push_back({"7999 Hz", pcm16_wav(1, 7999, four), false, 0});
     rows.push_back({"24-bit", WavBuilder().fmt(1, 1, 44100, 24).data(four).bytes(), false, 0});
-    rows.push_back({"8-bit", WavBuilder().fmt(1, 1, 44100, 8).data(four).bytes(), false, 0});
     rows.push_back({"three channels", WavBuilder().fmt(1, 3, 44100, 16).data(four).bytes(), false, 0});
-    rows.push_back({"no channels", WavBuilder().fmt(1, 0, 44100, 16).data(four).bytes(), false, 0});
     rows.push_back({"no data chunk", WavBuilder().fmt(1, 1, 44100, 16).chunk("LIST", {1, 2, 3, 4}).bytes(), false, 0});
     rows.push_back({"no fmt chunk", WavBuilder().chunk("junk", {0, 0, 0, 0, 0, 0, 0, 0}).data(four).bytes(), false, 0});
     // Any tag with 16 bits is read as integer PCM.
@@ -52,7 +46,6 @@ std::vector<FileCase> file_cases() {
                     WavBuilder().fmt(1, 1, 44100, 24).fmt(1, 1, 44100, 16).data(four).bytes(), true, 4});
     rows.push_back({"fmt 16 then fmt 24",
                     WavBuilder().fmt(1, 1, 44100, 16).fmt(1, 1, 44100, 24).data(four).bytes(), false, 0});
-    rows.push_back({"data before fmt", WavBuilder().data(four).fmt(1, 1, 44100, 16).bytes(), true, 4});
     // Three odd-sized chunks, each with its pad byte, before the data.
     rows.push_back({"odd-sized chunks before data",
                     WavBuilder().fmt(1, 1, 44100, 16).chunk("LIST", {1, 2, 3}).chunk("abcd", {9})
@@ -84,15 +77,9 @@ std::vector<FileCase> file_cases() {
         b[3] = 'X';
         rows.push_back({"not RIFF", b, false, 0});
     }
-    {
-        std::vector<uint8_t> b = pcm16_wav(1, 44100, four);
-        b[8] = 'A';
-        rows.push_back({"not WAVE", b, false, 0});
-    }
     rows.push_back({"45 bytes: one byte of data", WavBuilder().fmt(1, 1, 44100, 16).chunk("data", {7}, 1, false).bytes(),
                     true, 0});
     rows.push_back({"44 bytes: a valid empty WAV", pcm16_wav(1, 44100, {}), false, 0});
-    rows.push_back({"text file", bytes_of("this is not a wav file at all, just some text"), false, 0});
     return rows;
 }
 
