@@ -14,7 +14,6 @@ constexpr double kHeard = 0.5;
 constexpr double kHolds = 0.3;
 // Below this mean square (-80 dBFS) a block says nothing either way.
 constexpr double kQuiet = 1e-8;
-constexpr int64_t kSeamStep = 256;  // resolution of the seam's position
 
 double dot(const float* a, const float* b, size_t n) {
     float acc[8] = {};
@@ -106,6 +105,44 @@ bool Aligner::search(int64_t a, size_t n, int64_t lo, int64_t hi, int64_t& best_
     return best > 0.0;
 }
 
+int64_t Aligner::find_seam(int64_t lo, int64_t hi, int64_t old_lag, int64_t new_lag) const {
+    // The input is the backing at the old lag up to the seam and at the new
+    // one after it; a round trip that grew by d has d frames of whatever the
+    // server played meanwhile (silence, mostly) in between, which the repair
+    // drops. The seam is where the squared misfit of that model is least,
+    // with the gain of the backing in the input fitted first.
+    const int64_t grow = std::max<int64_t>(new_lag - old_lag, 0);
+    const auto n = static_cast<size_t>(hi - lo);
+    double xr = 0, rr = 0;
+    for (int64_t j = lo; j < hi; ++j) {
+        const double r = ref_at(j, j < (lo + hi) / 2 ? old_lag : new_lag);
+        xr += in_at(j) * r;
+        rr += r * r;
+    }
+    const double g = rr > 0 ? xr / rr : 0.0;
+    std::vector<double> before(n + 1, 0.0), after(n + 1, 0.0);  // misfit of [lo, lo+k) at the old lag, of [lo+k, hi) at the new
+    for (size_t k = 0; k < n; ++k) {
+        const int64_t j = lo + static_cast<int64_t>(k);
+        const double e = in_at(j) - g * ref_at(j, old_lag);
+        before[k + 1] = before[k] + e * e;
+    }
+    for (size_t k = n; k-- > 0;) {
+        const int64_t j = lo + static_cast<int64_t>(k);
+        const double e = in_at(j) - g * ref_at(j, new_lag);
+        after[k] = after[k + 1] + e * e;
+    }
+    int64_t seam = lo;
+    double least = -1;
+    for (size_t k = 0; k + static_cast<size_t>(grow) <= n; ++k) {
+        const double cost = before[k] + after[k + static_cast<size_t>(grow)];
+        if (least < 0 || cost < least) {
+            least = cost;
+            seam = lo + static_cast<int64_t>(k);
+        }
+    }
+    return seam;
+}
+
 void Aligner::analyse_block(int64_t a) {
     const size_t n = block_;
     double xx = 0;
@@ -138,16 +175,8 @@ void Aligner::analyse_block(int64_t a) {
         double best = 0;
         if (search(a, n, lag_ - second / 4, lag_ + second / 4, lag, best) && best >= kHeard &&
             std::llabs(lag - lag_) > 1) {
-            // The seam: the first stretch that matches the new lag better
-            // than the old one, from a block before the first that failed.
-            int64_t seam = suspect_;
-            for (int64_t t = std::max(emitted_, suspect_ - static_cast<int64_t>(n)); t + kSeamStep <= a + static_cast<int64_t>(n);
-                 t += kSeamStep) {
-                if (score(t, kSeamStep, lag) > score(t, kSeamStep, lag_)) {
-                    seam = t;
-                    break;
-                }
-            }
+            const int64_t seam = find_seam(std::max(emitted_, suspect_ - static_cast<int64_t>(n)),
+                                           a + static_cast<int64_t>(n), lag_, lag);
             edits_.push_back({seam, lag - lag_});
             ++repairs_;
             lag_ = lag;

@@ -44,6 +44,7 @@ private:
     };
     void analyse_block(int64_t a);
     double score(int64_t a, size_t n, int64_t lag) const;
+    int64_t find_seam(int64_t lo, int64_t hi, int64_t old_lag, int64_t new_lag) const;
     bool search(int64_t a, size_t n, int64_t lo, int64_t hi, int64_t& best_lag, double& best) const;
     float in_at(int64_t raw) const { return staging_[static_cast<size_t>(raw - base_)]; }
     float ref_at(int64_t raw, int64_t lag) const;
