@@ -12,6 +12,12 @@ namespace {
 // takes it near zero).
 constexpr double kHeard = 0.5;
 constexpr double kHolds = 0.3;
+// A repair needs the backing found clearly at the new lag.
+constexpr double kMoved = 0.8;
+// How far around the lag a small step is looked for, and by how much the
+// new peak must beat the old lag to count.
+constexpr int64_t kNear = 32;
+constexpr double kMargin = 0.01;
 // Below this mean square (-80 dBFS) a block says nothing either way.
 constexpr double kQuiet = 1e-8;
 
@@ -40,6 +46,7 @@ void Aligner::prepare(const float* backing, int64_t backing_frames, int64_t star
     edits_.clear();
     lag_ = -1;
     suspect_ = -1;
+    candidate_ = -1;
     next_acquire_ = next_search_ = 0;
     repairs_ = 0;
 }
@@ -160,30 +167,49 @@ void Aligner::analyse_block(int64_t a) {
         if (search(a, n, 0, second / 2, lag, best) && best >= kHeard) lag_ = lag;
         return;
     }
-    double holds = 0;
-    for (int64_t d = -1; d <= 1; ++d) holds = std::max(holds, score(a, n, lag_ + d));
-    if (holds >= kHolds) {
+    // Near the lag first: a step of a few frames leaves a bass-heavy
+    // backing almost as well matched at the old lag as at the new one, so
+    // the peak is looked for, not only the score at the lag.
+    int64_t near_lag = -1;
+    double near = 0;
+    search(a, n, lag_ - kNear, lag_ + kNear, near_lag, near);
+    const double at_lag = std::max({score(a, n, lag_ - 1), score(a, n, lag_), score(a, n, lag_ + 1)});
+    if (at_lag >= kHolds && (std::llabs(near_lag - lag_) <= 1 || near < at_lag + kMargin)) {
         suspect_ = -1;
+        candidate_ = -1;
         return;
     }
     double rr = 0;
     for (size_t i = 0; i < n; ++i) rr += double(ref_at(a + static_cast<int64_t>(i), lag_)) * ref_at(a + static_cast<int64_t>(i), lag_);
     if (rr < kQuiet * static_cast<double>(n)) return;  // the backing is silent here
-    if (suspect_ < 0) suspect_ = a;
-    if (a >= next_search_) {
-        int64_t lag = -1;
-        double best = 0;
-        if (search(a, n, lag_ - second / 4, lag_ + second / 4, lag, best) && best >= kHeard &&
-            std::llabs(lag - lag_) > 1) {
-            const int64_t seam = find_seam(std::max(emitted_, suspect_ - static_cast<int64_t>(n)),
-                                           a + static_cast<int64_t>(n), lag_, lag);
-            edits_.push_back({seam, lag - lag_});
-            ++repairs_;
-            lag_ = lag;
-            suspect_ = -1;
-            return;
+    const int64_t seen = near >= kMoved ? near_lag : -1;
+    if (suspect_ < 0) {
+        // The seam may lie inside this block: the new lag must show again
+        // in the next one, wholly after it.
+        suspect_ = a;
+        candidate_ = seen;
+        return;
+    }
+    int64_t lag = -1;
+    double best = 0;
+    if (seen >= 0 && seen == candidate_) {
+        lag = seen;
+    } else if (a >= next_search_) {
+        if (!search(a, n, lag_ - second / 4, lag_ + second / 4, lag, best) || best < kMoved) {
+            lag = -1;
+            next_search_ = a + second / 8;
         }
-        next_search_ = a + second / 2;
+    }
+    candidate_ = seen;
+    if (lag >= 0 && std::llabs(lag - lag_) > 1) {
+        const int64_t seam = find_seam(std::max(emitted_, suspect_ - static_cast<int64_t>(n)),
+                                       a + static_cast<int64_t>(n), lag_, lag);
+        edits_.push_back({seam, lag - lag_});
+        ++repairs_;
+        lag_ = lag;
+        suspect_ = -1;
+        candidate_ = -1;
+        return;
     }
     // A lag that neither holds nor moves for two seconds: the backing is
     // drowned out; go on by the frame counts.

@@ -60,6 +60,7 @@ private:
     std::vector<Edit> edits_;
     int64_t lag_ = -1;
     int64_t suspect_ = -1;       // first block where the lag stopped matching
+    int64_t candidate_ = -1;     // the lag the last suspect block showed clearly
     int64_t next_acquire_ = 0, next_search_ = 0;
     int32_t repairs_ = 0;
     std::vector<float> zeros_;
