@@ -173,8 +173,8 @@ void Aligner::analyse_block(int64_t a) {
     int64_t near_lag = -1;
     double near = 0;
     search(a, n, lag_ - kNear, lag_ + kNear, near_lag, near);
-    const double at_lag = std::max({score(a, n, lag_ - 1), score(a, n, lag_), score(a, n, lag_ + 1)});
-    if (at_lag >= kHolds && (std::llabs(near_lag - lag_) <= 1 || near < at_lag + kMargin)) {
+    const double at_lag = score(a, n, lag_);
+    if (at_lag >= kHolds && (near_lag == lag_ || near < at_lag + kMargin)) {
         suspect_ = -1;
         candidate_ = -1;
         return;
@@ -201,7 +201,7 @@ void Aligner::analyse_block(int64_t a) {
         }
     }
     candidate_ = seen;
-    if (lag >= 0 && std::llabs(lag - lag_) > 1) {
+    if (lag >= 0 && lag != lag_) {
         const int64_t seam = find_seam(std::max(emitted_, suspect_ - static_cast<int64_t>(n)),
                                        a + static_cast<int64_t>(n), lag_, lag);
         edits_.push_back({seam, lag - lag_});
