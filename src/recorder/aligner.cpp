@@ -18,6 +18,10 @@ constexpr double kMoved = 0.8;
 // new peak must beat the old lag to count.
 constexpr int64_t kNear = 32;
 constexpr double kMargin = 0.01;
+// A peak counts only when nothing further than kDistinct frames from it
+// comes within kAmbiguous of its score.
+constexpr int64_t kDistinct = 16;
+constexpr double kAmbiguous = 0.9;
 // Below this mean square (-80 dBFS) a block says nothing either way.
 constexpr double kQuiet = 1e-8;
 
@@ -99,15 +103,24 @@ bool Aligner::search(int64_t a, size_t n, int64_t lo, int64_t hi, int64_t& best_
     double rr = 0;
     for (size_t i = 0; i < n; ++i) rr += double(ref[i]) * ref[i];
     best = 0.0;
+    std::vector<double> scores(static_cast<size_t>(hi - lo + 1));
     for (int64_t lag = hi;; --lag) {
         const size_t off = static_cast<size_t>(hi - lag);
         const double c = rr > 1e-12 ? dot(x.data(), ref.data() + off, n) / std::sqrt(xx * rr) : 0.0;
+        scores[static_cast<size_t>(lag - lo)] = c;
         if (c > best) {
             best = c;
             best_lag = lag;
         }
         if (lag == lo) break;
         rr += double(ref[off + n]) * ref[off + n] - double(ref[off]) * ref[off];
+    }
+    // A backing that repeats within the range (a held tone, a loop) matches
+    // at more than one lag: such a peak says nothing about the round trip.
+    for (int64_t lag = lo; lag <= hi; ++lag) {
+        if (std::llabs(lag - best_lag) > kDistinct && scores[static_cast<size_t>(lag - lo)] > kAmbiguous * best) {
+            return false;
+        }
     }
     return best > 0.0;
 }
