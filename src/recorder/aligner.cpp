@@ -21,7 +21,7 @@ constexpr double kMargin = 0.01;
 // A peak counts only when nothing further than kDistinct frames from it
 // comes within kAmbiguous of its score.
 constexpr int64_t kDistinct = 16;
-constexpr double kAmbiguous = 0.9;
+constexpr double kAmbiguous = 0.98;
 // Below this mean square (-80 dBFS) a block says nothing either way.
 constexpr double kQuiet = 1e-8;
 
