@@ -79,7 +79,7 @@ std::string write_backing(uint32_t rate, double seconds) {
 void BM_CallbackPeriod(benchmark::State& state) {
     RecorderCore core;
     const std::string path = write_backing(44100, 30.0);
-    if (!core.load_track(path.c_str())) state.SkipWithError("backing not loaded");
+    if (core.load_track(path.c_str()) != LoadResult::ok) state.SkipWithError("backing not loaded");
     std::filesystem::remove(path);
     std::vector<float> in(kPeriod), out(2 * kPeriod);
     for (uint32_t i = 0; i < kPeriod; ++i) in[i] = 0.3f * std::sin(0.05f * static_cast<float>(i));
@@ -116,11 +116,16 @@ void BM_CallbackPeriodRingFull(benchmark::State& state) {
 BENCHMARK(BM_CallbackPeriodRingFull);
 
 // The writer: a ring of 594 periods (261954 samples) converted and written
-// in one pass, to a file (arg 0) or to the null device (arg 1).
+// in one pass, to a file (arg 0) or to the null device (arg 1), from a
+// device at 44100 Hz (nothing to resample) or 48000 Hz (resampled to the
+// take's rate). cpu_share: the share of one core the writer needs to keep
+// up with a device at that rate.
 void BM_WriterPass(benchmark::State& state) {
     const bool null_device = state.range(0) == 1;
+    const auto rate = static_cast<uint32_t>(state.range(1));
     const std::string path = null_device ? std::string("/dev/null") : temp_file("woodshed-bench-take.wav");
     RecorderCore core;
+    core.set_device_rate(rate);
     if (!core.take().create(path.c_str())) state.SkipWithError("take not created");
     std::vector<float> in(kPeriod), out(2 * kPeriod);
     for (uint32_t i = 0; i < kPeriod; ++i) in[i] = 0.5f * std::sin(0.01f * static_cast<float>(i));
@@ -143,8 +148,12 @@ void BM_WriterPass(benchmark::State& state) {
     if (!null_device) std::filesystem::remove(path);
     state.SetItemsProcessed(static_cast<int64_t>(samples));  // samples per second
     state.SetBytesProcessed(static_cast<int64_t>(samples * 2));
+    // Seconds of writer time per second of audio at the device rate.
+    state.counters["cpu_share"] = benchmark::Counter(static_cast<double>(samples) / rate,
+                                                     benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
-BENCHMARK(BM_WriterPass)->ArgName("null_device")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_WriterPass)->ArgNames({"null_device", "rate"})->Args({0, 44100})->Args({1, 44100})
+    ->Args({1, 48000})->Unit(benchmark::kMillisecond);
 
 #if defined(__linux__)
 // Resident set size in bytes, from /proc.
@@ -171,7 +180,7 @@ void BM_Backing5Minutes(benchmark::State& state) {
         const double before = resident_bytes();
         state.ResumeTiming();
         SourceTrack track;
-        if (!load_source_track(path.c_str(), track)) state.SkipWithError("backing not loaded");
+        if (load_source_track(path.c_str(), 44100, track) != LoadResult::ok) state.SkipWithError("backing not loaded");
         benchmark::DoNotOptimize(track.samples.data());
         state.PauseTiming();
         resident_growth = resident_bytes() - before;

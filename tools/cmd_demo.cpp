@@ -212,6 +212,8 @@ double record_take(const Files& f, const std::vector<float>& line) {
         remove_file(f.take);
         throw Failure("cannot open the default duplex device: " + result_text(started));
     }
+    std::printf("   duplex device at %d Hz; the take is written at %u Hz\n", sd_device_rate(), kRate);
+    std::fflush(stdout);
     LiveDisplay display;
     RecorderState st{};
     double loudest = 0.0, done_at = -1.0, last_plain = -1.0;
@@ -239,6 +241,9 @@ double record_take(const Files& f, const std::vector<float>& line) {
     if (ms < 0) throw Failure("the take did not end cleanly: " + result_text(static_cast<int32_t>(ms)));
     std::printf("   take: %s, %.2f s, loudest input %.1f dBFS\n", f.take.c_str(), static_cast<double>(ms) / 1000.0,
                 loudest > 1e-6 ? 20.0 * std::log10(loudest) : -120.0);
+    const int32_t repairs = sd_repair_count();
+    std::printf("   alignment repairs: %d%s\n", repairs,
+                repairs > 0 ? " (the sound server fell behind; the take was re-aligned where it did)" : "");
     return loudest;
 }
 
@@ -445,7 +450,10 @@ int run_demo(std::span<const std::string> args) {
         if (!a.valid) throw Failure("no clear delay: the take does not hold the backing");
         analyse(f, kLateMs, kLateMs - 100, kLateMs + 1000, late);
         moved = late.delay_frames - a.delay_frames - int64_t{kLateMs} * kRate / 1000;
-        if (late.valid && std::llabs(moved) <= 2) break;
+        if (late.valid && std::llabs(moved) <= 2) {
+            if (attempt > 1) std::printf("   recorded in %d attempts\n", attempt);
+            break;
+        }
         if (attempt < kAttempts) {
             std::printf("   the round trip moved by %lld frames during the take (the sound server fell behind); "
                         "recording again\n",

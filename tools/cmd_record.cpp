@@ -168,6 +168,7 @@ int run_record(std::span<const std::string> args) {
     std::fprintf(lines, "record: '%s'%s from %s into '%s', input %s\n", backing->c_str(),
                 length ? (" (" + clock_text(*length) + ")").c_str() : "", clock_text(from).c_str(),
                 take->c_str(), opts.value("input") ? ("\"" + *opts.value("input") + "\"").c_str() : "the default");
+    std::fprintf(lines, "device at %d Hz (the take is written at %d Hz)\n", sd_device_rate(), SD_SAMPLE_RATE);
     std::fprintf(lines, "%s\n", seconds > 0 ? "stops by itself (Ctrl-C stops sooner)"
                                     : "stops after the backing ends (Ctrl-C stops sooner)");
     if (length && from >= *length) std::fprintf(lines, "note: the start is past the end of the backing: silence plays\n");
@@ -208,6 +209,7 @@ int run_record(std::span<const std::string> args) {
     sd_get_state(&st);
     if (ms < 0) throw Failure("the take did not end cleanly: " + result_text(static_cast<int32_t>(ms)));
     std::fprintf(lines, "take: '%s', %.3f s\n", take->c_str(), static_cast<double>(ms) / 1000.0);
+    std::fprintf(lines, "alignment repairs: %d\n", sd_repair_count());
     // The library keeps recording when the disk refuses more; say so.
     const double captured = static_cast<double>(st.captured_frames) / SD_SAMPLE_RATE;
     if (captured - static_cast<double>(ms) / 1000.0 > 0.05) {
@@ -220,6 +222,8 @@ int run_record(std::span<const std::string> args) {
                     {"from_seconds", from},
                     {"seconds", static_cast<double>(ms) / 1000.0},
                     {"captured_seconds", captured},
+                    {"device_rate", sd_device_rate()},
+                    {"alignment_repairs", sd_repair_count()},
                     {"interrupted", interrupted()}});
     }
     if (interrupted()) {

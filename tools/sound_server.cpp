@@ -89,9 +89,19 @@ std::unique_ptr<PrivateSoundServer> PrivateSoundServer::start() {
     std::filesystem::create_directory(dir / "home");
     mkdir((dir / "runtime").c_str(), 0700);
     const std::string socket = (dir / "runtime" / "native").string();
-    // The sink first: once the socket answers, the sink is there.
+    // The sink first: once the socket answers, the sink is there. It runs
+    // at what desktop sound servers and system mixers run at, unless
+    // WOODSHED_SINK_RATE asks for another rate (for trying the demo at
+    // 44100 Hz, say).
+    uint32_t rate = 48000;
+    if (const char* asked = std::getenv("WOODSHED_SINK_RATE")) {
+        const long r = std::strtol(asked, nullptr, 10);
+        if (r < 8000 || r > 384000) throw Failure("WOODSHED_SINK_RATE: a rate from 8000 to 384000 Hz, not '" + std::string(asked) + "'");
+        rate = static_cast<uint32_t>(r);
+    }
     write_text(dir / "server.pa",
-               "load-module module-null-sink sink_name=woodshed_demo rate=44100 channels=2 format=float32le "
+               "load-module module-null-sink sink_name=woodshed_demo rate=" + std::to_string(rate) +
+               " channels=2 format=float32le "
                "sink_properties=device.description=Woodshed_private_sink\n"
                "set-default-sink woodshed_demo\n"
                "set-default-source woodshed_demo.monitor\n"

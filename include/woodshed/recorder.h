@@ -2,13 +2,26 @@
  * Woodshed duplex recorder (sd_): plays a backing track and records a take
  * aligned with it.
  *
- * One duplex device runs at a fixed 44100 Hz with 10 ms periods. In each
- * period one callback plays the next frames of the backing track (from a
- * 16-bit WAV file, converted once to 44100 Hz stereo when the take starts)
- * and captures the same period's frames of the chosen input (mono). Take
- * frame k was therefore captured while backing frame start + k played; the
- * take is aligned with the track without measuring anything (the device's
- * own round-trip latency aside, which ta_analyze measures).
+ * One duplex device runs at its own rate (whatever the sound server or the
+ * system mixer runs at: 44.1, 48, 96 kHz ...) with 10 ms periods, so nothing
+ * converts the audio out of the library's sight. In each period one
+ * callback plays the next frames of the backing track (from a 16-bit WAV
+ * file, converted once to the device rate, stereo, when the take starts)
+ * and captures the same period's frames of the chosen input (mono); the
+ * writer converts the input to 44100 Hz. Both conversions use one
+ * band-limited resampler (stop band below -90 dB), so the path from the
+ * backing to the take is a fixed linear filter. Take frame k was therefore
+ * captured while backing frame start + k played; the take is aligned with
+ * the track without measuring anything (the device's own round-trip latency
+ * aside, which ta_analyze measures).
+ *
+ * If the round trip moves during a take (a sound server that falls behind
+ * plays a gap or skips ahead), and the input hears the backing, the writer
+ * finds the shift and repairs the take where it happened: it drops the
+ * frames the glitch added or inserts silence for those it took away, so
+ * the take stays at one delay from the backing. sd_repair_count says how
+ * many repairs a take needed. Where the input does not hear the backing
+ * (headphones), the take follows the frame counts.
  *
  * The take is written while it is recorded, by a writer thread, as a mono
  * 16-bit 44100 Hz WAV file with a 44-byte header. The header is rewritten
@@ -35,7 +48,7 @@
 extern "C" {
 #endif
 
-/* The recording's fixed sample rate. */
+/* The take's fixed sample rate, and the rate of every count the host sees. */
 #define SD_SAMPLE_RATE 44100
 
 /* Bytes of RecorderState that sd_get_state writes. */
@@ -52,7 +65,7 @@ typedef struct RecorderState {
                                      the track and when no track is loaded */
     int64_t captured_frames;  /*  8: frames captured since the recording began, including frames
                                      the library had to drop (they are written as silence) */
-    uint32_t sample_rate;     /* 16: always 44100 */
+    uint32_t sample_rate;     /* 16: always 44100 (the device's own rate: sd_device_rate) */
     uint32_t playback_done;   /* 20: 1 if a track is loaded and play_position has reached its
                                      end; 0 otherwise (also without a track) */
     double input_peak;        /* 24: decaying peak of |input sample|, full scale 1.0; falls by a
@@ -111,10 +124,13 @@ WS_API int32_t sd_find_input_by_name(const char* name, char* buf, int32_t size);
  * duplex device and starts it.
  *   source_path  backing track (UTF-8), may be NULL or empty for silence.
  *                A 16-bit PCM WAV file, mono or stereo, 8000 Hz or more,
- *                45 bytes to 700 MiB; converted to 44100 Hz stereo by
- *                linear interpolation. It is read whole into memory.
+ *                45 bytes to 700 MiB, and at most 2 GiB once converted
+ *                to the device rate (stereo float); converted by the
+ *                library's band-limited resampler. It is read whole into
+ *                memory.
  *   take_path    the take file to create (UTF-8); an existing file of that
- *                name is overwritten. Required.
+ *                name is overwritten, but only once the device has opened.
+ *                Required; must not be a directory, FIFO or socket.
  *   input_id     id text of the input (from sd_find_input_by_name), or
  *                NULL / empty / malformed for the default input. A
  *                well-formed id is passed on unchecked: if that device no
@@ -126,12 +142,17 @@ WS_API int32_t sd_find_input_by_name(const char* name, char* buf, int32_t size);
  * A take still running from an earlier sd_start is finished first (its
  * header made final; samples still queued for it are discarded, unlike
  * sd_stop, which writes them).
+ * The device is opened first; the take file is created (or an existing one
+ * truncated) only after it opened and the backing was converted, so a
+ * failed start leaves an existing file at take_path exactly as it was and
+ * creates none.
  * Returns 0 once the device runs; -2 with no instance; -3 if take_path is
- * NULL or the backing file cannot be read or is not in the format above
- * (no take file is created); -10 without an audio context; -15 if the take
- * file cannot be created; -13 if the operating system refused the device
- * and -15 for any other device failure (the take file then stays behind
- * holding only its 44-byte header). */
+ * NULL or the backing file cannot be read or is not in the format above;
+ * -14 if the converted backing would pass 2 GiB (refused before it is
+ * allocated); -10 without an audio context; -15 if take_path is a
+ * directory, FIFO or socket or the take file cannot be created; -13 if the
+ * operating system refused the device and -15 for any other device
+ * failure. */
 WS_API int32_t sd_start(const char* source_path, const char* take_path, const char* input_id,
                         int32_t start_ms);
 
@@ -154,6 +175,17 @@ WS_API int32_t sd_get_state(RecorderState* out);
 /* Always -1.0, with or without an instance: the output latency is not
  * measured, and any negative value means "unknown". No lock; any thread. */
 WS_API double sd_output_latency_ms(void);
+
+/* The sample rate of the device of the running take, or of the last one
+ * (the device's own rate, which the library converts to and from); 0
+ * before the first take started. Returns -2 with no instance. */
+WS_API int32_t sd_device_rate(void);
+
+/* How many times the running take, or the last one, had its alignment
+ * repaired because the round trip moved (0 or more); the count covers the
+ * take up to what the writer has handled, and is final after sd_stop.
+ * Returns -2 with no instance. */
+WS_API int32_t sd_repair_count(void);
 
 #ifdef __cplusplus
 }

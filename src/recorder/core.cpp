@@ -5,13 +5,15 @@
 
 namespace ws::recorder {
 
-int64_t start_frame(int32_t start_ms) {
-    return start_ms > 0 ? int64_t{start_ms} * kRecorderRate / 1000 : 0;
+int64_t start_frame(int32_t start_ms, uint32_t rate) {
+    return start_ms > 0 ? int64_t{start_ms} * rate / 1000 : 0;
 }
 
 void RecorderCore::arm(int32_t start_ms) {
-    play_position_.store(start_frame(start_ms));
+    const int64_t start = start_frame(start_ms, device_rate_);
+    play_position_.store(start);
     ring_.reset();
+    writer_.prepare(track_.samples.data(), track_.frames, start, device_rate_);
 }
 
 void RecorderCore::process(float* out, const float* in, uint32_t frames) {
@@ -34,10 +36,12 @@ void RecorderCore::process(float* out, const float* in, uint32_t frames) {
 }
 
 void RecorderCore::fill_state(RecorderState& out) const {
-    out.play_position = play_position();
-    out.captured_frames = static_cast<int64_t>(ring_.captured_frames());
+    // The host counts at 44100 Hz whatever the device runs at.
+    const int64_t pos = play_position();
+    out.play_position = pos * kRecorderRate / device_rate_;
+    out.captured_frames = static_cast<int64_t>(ring_.captured_frames() * kRecorderRate / device_rate_);
     out.sample_rate = kRecorderRate;
-    out.playback_done = track_.frames > 0 && out.play_position >= track_.frames ? 1u : 0u;
+    out.playback_done = track_.frames > 0 && pos >= track_.frames ? 1u : 0u;
     out.input_peak = ring_.input_peak();
     out.recording = recording_.load() ? 1u : 0u;
 }

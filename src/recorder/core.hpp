@@ -19,9 +19,9 @@
 
 namespace ws::recorder {
 
-// Play position for a start in milliseconds: trunc(ms * 44100 / 1000) in
-// 64-bit arithmetic; 0 for 0 or negative.
-int64_t start_frame(int32_t start_ms);
+// Play position for a start in milliseconds at `rate`: trunc(ms * rate /
+// 1000) in 64-bit arithmetic; 0 for 0 or negative.
+int64_t start_frame(int32_t start_ms, uint32_t rate = kRecorderRate);
 
 class RecorderCore {
 public:
@@ -35,8 +35,11 @@ public:
     // nothing captured, the position stands still.
     void process(float* out, const float* in, uint32_t frames);
 
-    // Device idle.
-    bool load_track(const char* utf8_path) { return load_source_track(utf8_path, track_); }
+    // Device idle. The rate the device runs at: the backing is converted
+    // to it, the capture from it; the host sees everything at 44100 Hz.
+    void set_device_rate(uint32_t rate) { device_rate_ = rate; }
+    uint32_t device_rate() const { return device_rate_; }
+    LoadResult load_track(const char* utf8_path) { return load_source_track(utf8_path, device_rate_, track_); }
     void unload_track() { track_.clear(); }
     // A new recording: position at the start, ring and counters at zero.
     void arm(int32_t start_ms);
@@ -52,9 +55,11 @@ public:
 
     // Any thread; the counters as they stand.
     void fill_state(RecorderState& out) const;
-    int64_t play_position() const { return play_position_.load(std::memory_order_relaxed); }
+    int64_t play_position() const { return play_position_.load(std::memory_order_relaxed); }  // device frames
+    int32_t repairs() const { return writer_.repairs(); }
 
 private:
+    uint32_t device_rate_ = kRecorderRate;
     SourceTrack track_;
     std::atomic<int64_t> play_position_{0};
     CaptureRing ring_;

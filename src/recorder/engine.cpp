@@ -1,6 +1,8 @@
 #include "recorder/engine.hpp"
 
 #include <cstring>
+#include <filesystem>
+#include <string>
 #include <thread>
 
 #include "frame/device_catalogue.hpp"
@@ -18,7 +20,9 @@ static_assert(ma_backend_wasapi == 0 && ma_backend_dsound == 1 && ma_backend_win
 ma_device_config duplex_config(const ma_device_id* capture_id, ma_device_data_proc callback,
                                void* user_data) {
     ma_device_config cfg = ma_device_config_init(ma_device_type_duplex);
-    cfg.sampleRate = kRecorderRate;
+    // The device's own rate: neither the server nor the audio library
+    // converts anything; the recorder does, with its own resampler.
+    cfg.sampleRate = 0;
     cfg.periodSizeInMilliseconds = 10;
     cfg.playback.pDeviceID = nullptr;
     cfg.playback.format = ma_format_f32;
@@ -75,6 +79,19 @@ void RecorderEngine::finish_unstopped_take() {
     core_.take().finish();
 }
 
+namespace {
+// A take path that names a directory, a FIFO or a socket: opening it would
+// fail or block for ever. Checked without opening anything.
+bool unusable_take_path(const char* utf8_path) {
+    std::error_code ec;
+    const std::string text(utf8_path);
+    const std::filesystem::path p(std::u8string(text.begin(), text.end()));
+    const std::filesystem::file_status st = std::filesystem::status(p, ec);
+    return !ec && (std::filesystem::is_directory(st) || std::filesystem::is_fifo(st) ||
+                   std::filesystem::is_socket(st));
+}
+}  // namespace
+
 int32_t RecorderEngine::start(const char* source_path, const char* take_path, const char* input_id,
                               int32_t start_ms) {
     std::lock_guard<std::mutex> guard(lock_);
@@ -83,9 +100,7 @@ int32_t RecorderEngine::start(const char* source_path, const char* take_path, co
     close_device();
     finish_unstopped_take();
     core_.take().clear_write_error();
-
-    if (!core_.load_track(source_path)) return ws_invalid_argument;  // no take file created
-    if (!core_.take().create(take_path)) return ws_device_failure;
+    if (unusable_take_path(take_path)) return ws_device_failure;
 
     // A well-formed id goes to the back end as it is; anything else means
     // the default input. If the device is gone, the open below fails.
@@ -94,13 +109,26 @@ int32_t RecorderEngine::start(const char* source_path, const char* take_path, co
     const bool by_id = input_id != nullptr && frame::parse_id_text(input_id, id_bytes);
     if (by_id) std::memcpy(&id, id_bytes, sizeof id);
 
+    // The device opens first: its rate decides the backing's conversion,
+    // and a device that fails must leave an existing take untouched.
     const ma_device_config cfg = duplex_config(by_id ? &id : nullptr, &RecorderEngine::on_data, this);
     const ma_result r = ma_device_init(&context_, &cfg, &device_);
-    if (r != MA_SUCCESS) {
-        core_.take().close();  // stays on disk with its provisional header
-        return frame::map_device_result_recorder(r);
-    }
+    if (r != MA_SUCCESS) return frame::map_device_result_recorder(r);
     device_open_ = true;
+    core_.set_device_rate(device_.sampleRate);
+
+    const LoadResult loaded = core_.load_track(source_path);
+    if (loaded != LoadResult::ok) {
+        close_device();
+        return loaded == LoadResult::too_large ? ws_unsupported_format : ws_invalid_argument;
+    }
+    // Only now is a take file created (or an old one truncated).
+    if (!core_.take().create(take_path)) {
+        close_device();
+        core_.unload_track();
+        return ws_device_failure;
+    }
+    device_rate_ = device_.sampleRate;
 
     core_.arm(start_ms);
     core_.writer().start();

@@ -1,7 +1,8 @@
-// The duplex recorder: one duplex device at a fixed 44100 Hz with 10 ms
-// periods that plays the backing track (f32 stereo) and captures the chosen
-// input (f32 mono) in the same callback, so take frame k was captured while
-// backing frame start + k was playing.
+// The duplex recorder: one duplex device at its own rate with 10 ms periods
+// that plays the backing track (f32 stereo, converted to that rate at start)
+// and captures the chosen input (f32 mono) in the same callback, so input
+// frame k was captured while backing frame start + k was playing; the writer
+// converts the input to the take's 44100 Hz.
 //
 // What callers may assume: every public method runs on a host thread with
 // the recorder family's mutex held, and string arguments may be null where
@@ -50,6 +51,9 @@ public:
     int32_t start(const char* source_path, const char* take_path, const char* input_id, int32_t start_ms);
     int64_t stop();
     void fill_state(RecorderState& out) const { core_.fill_state(out); }
+    // The rate of the device of the current or last take; 0 before the first.
+    uint32_t device_rate() const { return device_rate_; }
+    int32_t repairs() const { return core_.repairs(); }
 
 private:
     // Audio thread: no locks, no allocation, no blocking.
@@ -62,6 +66,7 @@ private:
     bool context_ok_ = false;
     ma_device device_{};
     bool device_open_ = false;
+    uint32_t device_rate_ = 0;
     std::mutex lock_;
     RecorderCore core_;
 };

@@ -68,4 +68,13 @@ WS_API int32_t sd_get_state(RecorderState* out) {
 
 WS_API double sd_output_latency_ms(void) { return -1.0; }
 
+WS_API int32_t sd_device_rate(void) {
+    return fatal_on_throw(
+        [] { return g_recorder.call([](RecorderEngine& e) { return static_cast<int32_t>(e.device_rate()); }); });
+}
+
+WS_API int32_t sd_repair_count(void) {
+    return fatal_on_throw([] { return g_recorder.call([](RecorderEngine& e) { return e.repairs(); }); });
+}
+
 }  // extern "C"

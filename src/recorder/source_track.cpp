@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "frame/platform.hpp"
+#include "frame/resampler.hpp"
 
 namespace ws::recorder {
 
@@ -58,71 +59,73 @@ WavLayout walk_chunks(const uint8_t* bytes, size_t size) {
 
 }  // namespace
 
-bool decode_source_wav(const uint8_t* bytes, size_t size, SourceTrack& track) {
+LoadResult decode_source_wav(const uint8_t* bytes, size_t size, uint32_t rate, SourceTrack& track) {
     track.clear();
-    if (bytes == nullptr || size < 44) return false;
-    if (std::memcmp(bytes, "RIFF", 4) != 0 || std::memcmp(bytes + 8, "WAVE", 4) != 0) return false;
+    if (bytes == nullptr || size < 44) return LoadResult::unreadable;
+    if (std::memcmp(bytes, "RIFF", 4) != 0 || std::memcmp(bytes + 8, "WAVE", 4) != 0) return LoadResult::unreadable;
     const WavLayout w = walk_chunks(bytes, size);
     if (!w.have_data || w.bits != 16 || (w.channels != 1 && w.channels != 2) ||
-        w.rate < kMinSourceRate) {
-        return false;
+        w.rate < kMinSourceRate || rate == 0) {
+        return LoadResult::unreadable;
     }
 
     const uint64_t n = (w.data_bytes / 2) / w.channels;
-    const double r = static_cast<double>(kRecorderRate) / static_cast<double>(w.rate);
-    const uint64_t m = static_cast<uint64_t>(static_cast<double>(n) * r);
+    const uint64_t m = frame::Resampler::output_frames(n, w.rate, rate);
+    if (m > kMaxTrackBytes / (2 * sizeof(float))) return LoadResult::too_large;
     try {
         track.samples.assign(static_cast<size_t>(2 * m), 0.0f);
-    } catch (const std::exception&) {  // bad_alloc, or length_error for absurd counts
-        track.clear();
-        return false;
-    }
-
-    const uint8_t* data = bytes + w.data_offset;
-    const size_t stride = 2 * size_t{w.channels};
-    auto sample = [&](uint64_t frame, uint32_t channel) {
-        return static_cast<double>(get_i16(data + frame * stride + 2 * channel)) / 32768.0;
-    };
-    float* out = track.samples.data();
-    for (uint64_t j = 0; j < m; ++j) {
-        const double x = static_cast<double>(j) / r;
-        // x < n in exact arithmetic; the clamp only guards the last frame
-        // against rounding.
-        const uint64_t i0 = std::min(static_cast<uint64_t>(x), n - 1);
-        const double f = x - static_cast<double>(i0);
-        const uint64_t i1 = std::min(i0 + 1, n - 1);
-        for (uint32_t c = 0; c < 2; ++c) {
-            const uint32_t src = w.channels == 2 ? c : 0;
-            const double a = sample(i0, src);
-            const double b = sample(i1, src);
-            out[2 * j + c] = static_cast<float>(a + (b - a) * f);
+        const uint8_t* data = bytes + w.data_offset;
+        const size_t stride = 2 * size_t{w.channels};
+        constexpr size_t kBlock = 8192;
+        std::vector<float> in(kBlock);
+        for (uint32_t c = 0; c < w.channels; ++c) {
+            frame::Resampler r(w.rate, rate);
+            std::vector<float> out(std::max(r.max_output(kBlock), r.max_output(0)));
+            uint64_t at = 0;  // output frame
+            auto put = [&](size_t k) {
+                for (size_t i = 0; i < k && at < m; ++i, ++at) track.samples[2 * at + c] = out[i];
+            };
+            for (uint64_t f = 0; f < n; f += kBlock) {
+                const size_t k = static_cast<size_t>(std::min<uint64_t>(kBlock, n - f));
+                for (size_t i = 0; i < k; ++i) {
+                    in[i] = static_cast<float>(get_i16(data + (f + i) * stride + 2 * c) / 32768.0);
+                }
+                put(r.process(in.data(), k, out.data()));
+            }
+            put(r.flush(out.data()));
         }
+    } catch (const std::exception&) {  // bad_alloc
+        track.clear();
+        return LoadResult::unreadable;
+    }
+    if (w.channels == 1) {
+        for (uint64_t j = 0; j < m; ++j) track.samples[2 * j + 1] = track.samples[2 * j];
     }
     track.frames = static_cast<int64_t>(m);
-    return true;
+    return LoadResult::ok;
 }
 
-bool load_source_track(const char* utf8_path, SourceTrack& track) {
+LoadResult load_source_track(const char* utf8_path, uint32_t rate, SourceTrack& track) {
     track.clear();
-    if (utf8_path == nullptr || *utf8_path == '\0') return true;
+    if (utf8_path == nullptr || *utf8_path == '\0') return LoadResult::ok;
     std::FILE* f = platform::open_file(utf8_path, "rb");
-    if (f == nullptr) return false;
+    if (f == nullptr) return LoadResult::unreadable;
     long size = -1;
     if (std::fseek(f, 0, SEEK_END) == 0) size = std::ftell(f);
     if (size < kMinSourceBytes || size > kMaxSourceBytes || std::fseek(f, 0, SEEK_SET) != 0) {
         std::fclose(f);
-        return false;
+        return LoadResult::unreadable;
     }
     std::vector<uint8_t> bytes;
     try {
         bytes.resize(static_cast<size_t>(size));
     } catch (const std::bad_alloc&) {
         std::fclose(f);
-        return false;
+        return LoadResult::unreadable;
     }
     bytes.resize(std::fread(bytes.data(), 1, bytes.size(), f));
     std::fclose(f);
-    return decode_source_wav(bytes.data(), bytes.size(), track);
+    return decode_source_wav(bytes.data(), bytes.size(), rate, track);
 }
 
 }  // namespace ws::recorder

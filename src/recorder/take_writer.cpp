@@ -80,6 +80,19 @@ TakeWriter::TakeWriter(CaptureRing& ring, TakeFile& take)
     : ring_(ring), take_(take), float_scratch_(new float[kScratchSamples]()),
       pcm_scratch_(new int16_t[kScratchSamples]()) {}
 
+void TakeWriter::prepare(const float* backing, int64_t backing_frames, int64_t start_frame,
+                         uint32_t device_rate) {
+    aligner_.prepare(backing, backing_frames, start_frame, device_rate);
+    resampler_ = frame::Resampler(device_rate, kRecorderRate);
+    const size_t need = std::max(resampler_.max_output(kScratchSamples), resampler_.max_output(0));
+    if (need > converted_size_) {
+        converted_.reset(new float[need]);
+        converted_size_ = need;
+    }
+    repairs_.store(0);
+    failed_ = false;
+}
+
 void TakeWriter::start() {
     stop();
     last_checkpoint_ = 0;
@@ -102,17 +115,21 @@ void TakeWriter::loop() {
 }
 
 bool TakeWriter::pass() {
+    if (failed_) return false;
     // Silence for dropped periods comes first, ahead of samples that were
     // already waiting when the drop happened: the gap may land up to one
     // ring's content early, but the take's length stays exact.
     uint64_t owed = ring_.take_dropped();
     while (owed > 0 && take_.is_open()) {
         const size_t n = static_cast<size_t>(std::min<uint64_t>(owed, kScratchSamples));
-        std::fill_n(pcm_scratch_.get(), n, int16_t{0});
-        if (take_.append(pcm_scratch_.get(), n) < n) return false;
+        std::fill_n(float_scratch_.get(), n, 0.0f);
+        aligner_.push(float_scratch_.get(), n);
+        release(false);
         owed -= n;
     }
     if (!drain_ring()) return false;
+    repairs_.store(aligner_.repairs());
+    if (failed_) return false;
     if (take_.is_open() && take_.samples_written() - last_checkpoint_ >= kCheckpointSamples) {
         last_checkpoint_ = take_.samples_written();
         take_.checkpoint();
@@ -120,18 +137,52 @@ bool TakeWriter::pass() {
     return true;
 }
 
+void TakeWriter::drain_rest() {
+    if (!take_.is_open()) return;
+    drain_ring();
+    release(true);
+    const size_t n = resampler_.flush(converted_.get());
+    write_converted(converted_.get(), n);
+}
+
 bool TakeWriter::drain_ring() {
     if (!take_.is_open()) return true;
-    bool failed = false;
+    // Each run goes on at once, so the aligner holds no more than its
+    // look-ahead whatever the ring held.
     ring_.drain(float_scratch_.get(), kScratchSamples, [&](const float* run, size_t n) {
-        // After a short write the rest of this drain is let go: the disk
-        // refuses it anyway, and the header must count only what arrived.
-        if (failed) return;
-        int16_t* pcm = pcm_scratch_.get();
-        for (size_t i = 0; i < n; ++i) pcm[i] = to_take_sample(run[i]);
-        if (take_.append(pcm, n) < n) failed = true;
+        aligner_.push(run, n);
+        release(false);
     });
-    return !failed;
+    return !failed_;
+}
+
+void TakeWriter::release(bool all) {
+    aligner_.release([&](const float* x, size_t n) { write_frames(x, n); }, all);
+    repairs_.store(aligner_.repairs());
+}
+
+bool TakeWriter::write_frames(const float* x, size_t n) {
+    while (n > 0 && !failed_) {
+        const size_t k = std::min(n, kScratchSamples);
+        write_converted(converted_.get(), resampler_.process(x, k, converted_.get()));
+        x += k;
+        n -= k;
+    }
+    return !failed_;
+}
+
+bool TakeWriter::write_converted(const float* y, size_t n) {
+    // After a short write the rest is let go: the disk refuses it anyway,
+    // and the header must count only what arrived.
+    int16_t* pcm = pcm_scratch_.get();
+    while (n > 0 && !failed_) {
+        const size_t k = std::min(n, kScratchSamples);
+        for (size_t i = 0; i < k; ++i) pcm[i] = to_take_sample(y[i]);
+        if (take_.append(pcm, k) < k) failed_ = true;
+        y += k;
+        n -= k;
+    }
+    return !failed_;
 }
 
 }  // namespace ws::recorder

@@ -17,7 +17,10 @@
 #include <memory>
 #include <thread>
 
+#include "frame/resampler.hpp"
+#include "recorder/aligner.hpp"
 #include "recorder/capture_ring.hpp"
+#include "recorder/source_track.hpp"
 
 namespace ws::recorder {
 
@@ -68,8 +71,10 @@ private:
     std::atomic<bool> write_error_{false};
 };
 
-// Moves captured samples from the ring into the take: every 8 ms it writes
-// silence for dropped periods, then whatever the ring holds, then a header
+// Moves captured samples from the ring into the take: every 8 ms it takes
+// silence for dropped periods, then whatever the ring holds, through the
+// aligner (which repairs a moved round trip) and the conversion from the
+// device rate to the take's 44100 Hz, into the file; then a header
 // checkpoint when 5 s of audio have been added since the last one. It ends
 // at its first short write; the recording itself goes on.
 class TakeWriter {
@@ -79,6 +84,9 @@ public:
     TakeWriter(const TakeWriter&) = delete;
     TakeWriter& operator=(const TakeWriter&) = delete;
 
+    // Host thread, before start: the backing as the device plays it (for
+    // the aligner), the frame it starts from, and the device rate.
+    void prepare(const float* backing, int64_t backing_frames, int64_t start_frame, uint32_t device_rate);
     // Host thread: start the thread / clear the running flag and join it.
     void start();
     void stop();
@@ -88,17 +96,31 @@ public:
     // then ends). Public so tests and benchmarks can drive it directly.
     bool pass();
     // Stop's final drain, after the thread was joined: what is left in the
-    // ring goes into the take. Dropped periods still owed are not padded.
-    void drain_rest() { drain_ring(); }
+    // ring goes into the take, and the conversion's tail. Dropped periods
+    // still owed are not padded.
+    void drain_rest();
+
+    // Round-trip repairs in this take (host thread once joined; any
+    // thread as it stands otherwise).
+    int32_t repairs() const { return repairs_.load(); }
 
 private:
     void loop();
     bool drain_ring();
+    void release(bool all);
+    bool write_frames(const float* x, size_t n);  // device rate, converted
+    bool write_converted(const float* y, size_t n);  // at 44100 Hz
 
     CaptureRing& ring_;
     TakeFile& take_;
     std::unique_ptr<float[]> float_scratch_;
     std::unique_ptr<int16_t[]> pcm_scratch_;
+    Aligner aligner_;
+    frame::Resampler resampler_{kRecorderRate, kRecorderRate};
+    std::unique_ptr<float[]> converted_;
+    size_t converted_size_ = 0;
+    std::atomic<int32_t> repairs_{0};
+    bool failed_ = false;
     uint64_t last_checkpoint_ = 0;
     std::atomic<bool> running_{false};
     std::thread thread_;
