@@ -179,8 +179,11 @@ def main():
     ap.add_argument("--ids", default="", help="comma-separated mutation numbers (as --list shows)")
     ap.add_argument("--sample", type=int, default=0, help="run a random subset of this size")
     ap.add_argument("--seed", type=int, default=11, help="seed of --sample")
+    ap.add_argument("--tests", default="", help="comma-separated test binaries to build and run (default: all)")
     ap.add_argument("--no-sync", action="store_true", help="reuse the scratch tree as it is")
     args = ap.parse_args()
+    if args.tests:
+        TESTS[:] = [t for t in args.tests.split(",") if t]
 
     chosen = list(enumerate(MUTATIONS, 1))
     if args.only:
