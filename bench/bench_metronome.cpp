@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "metronome/config.hpp"
 #include "metronome/core.hpp"
 #include "metronome/voices.hpp"
 #include "woodshed/metronome.h"
@@ -19,21 +20,8 @@ constexpr uint32_t kBlock = 288;  // 6 ms at 48 kHz, the live device's period
 constexpr uint32_t kChannels = 2;
 
 MetronomeConfig plain_config() {
-    MetronomeConfig c{};
-    c.tempo_ubpm = 120000000;
-    c.beats_per_bar = 4;
-    c.subdivisions = 1;
-    c.beat_divisor = 1;
-    c.beat_multiplier = 1;
-    c.swing = 0.5;
+    MetronomeConfig c = ws::metronome::plain_config();
     c.master_gain = 0.8;
-    c.accent_gain = 1.0;
-    c.beat_gain = 0.7;
-    c.subdivision_gain = 0.4;
-    c.ramp_target_ubpm = 120000000;
-    c.ramp_interval_bars = 1;
-    c.accent_pattern[0] = mn_level_accent;
-    for (int i = 1; i < 32; ++i) c.accent_pattern[i] = mn_level_normal;
     return c;
 }
 

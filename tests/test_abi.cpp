@@ -1,5 +1,5 @@
-// The library as a host sees it: exports, version and capability answers,
-// and record layouts as C compiles them.
+// The library as a host sees it: the shared version export, and record sizes
+// as C compiles them (the headers' static assertions pin the sizes themselves).
 #include <gtest/gtest.h>
 
 #include "woodshed/woodshed.h"
@@ -35,15 +35,10 @@ TEST(Abi, VersionQueriesAreOneFunctionReturningOne) {
     }
 }
 
-TEST(Abi, CapabilitiesAreTheFixedMask) { EXPECT_EQ(tn_capabilities(), 31); }
-
 TEST(Abi, RecordSizesAgreeBetweenCAndCpp) {
     EXPECT_EQ(woodshed_c_record_size(0), sizeof(TunerConfig));
     EXPECT_EQ(woodshed_c_record_size(1), sizeof(TunerReading));
     EXPECT_EQ(woodshed_c_record_size(2), sizeof(DeviceRecord));
-    EXPECT_EQ(sizeof(TunerConfig), 40u);
-    EXPECT_EQ(sizeof(TunerReading), 88u);
-    EXPECT_EQ(sizeof(DeviceRecord), 528u);
 }
 
 }  // namespace

@@ -72,8 +72,6 @@ TEST_F(FamilyTest, InstanceIsCheckedBeforePointers) {
 TEST_F(FamilyTest, WideResultsPassThrough) {
     ASSERT_EQ(create(), ws_ok);
     EXPECT_EQ(g_family.call([](TestEngine&) { return int64_t{1} << 40; }), int64_t{1} << 40);
-    g_family.destroy();
-    EXPECT_EQ(g_family.call([](TestEngine&) { return int64_t{1} << 40; }), int64_t{ws_not_created});
 }
 
 // Concurrent create/call/destroy from several threads: the mutex serialises
@@ -121,8 +119,6 @@ TEST(ResultMap, TablesOfTheThreeFamilies) {
         {ma::device_not_initialized, ws_device_busy, ws_device_busy, ws_device_failure},
         {ma::device_not_started, ws_device_busy, ws_device_busy, ws_device_failure},
         {-1, ws_device_failure, ws_device_failure, ws_device_failure},       // generic error
-        {-2, ws_device_failure, ws_device_failure, ws_device_failure},       // invalid args
-        {-303, ws_device_failure, ws_device_failure, ws_device_failure},     // already started
         {12345, ws_device_failure, ws_device_failure, ws_device_failure},
     };
     for (const auto& r : rows) {

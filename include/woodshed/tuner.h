@@ -15,6 +15,24 @@
 extern "C" {
 #endif
 
+/* Ranges of the TunerConfig fields, ends included, and the defaults that
+ * replace a value outside them (also the settings of a NULL record). */
+#define TN_A4_HZ_MIN 400.0
+#define TN_A4_HZ_MAX 480.0
+#define TN_A4_HZ_DEFAULT 440.0
+#define TN_LOWEST_HZ_MIN 20.0
+#define TN_LOWEST_HZ_MAX 200.0
+#define TN_LOWEST_HZ_DEFAULT 55.0
+#define TN_HIGHEST_HZ_MIN 200.0
+#define TN_HIGHEST_HZ_MAX 5000.0
+#define TN_HIGHEST_HZ_DEFAULT 1200.0
+#define TN_TOLERANCE_CENTS_MIN 0.5
+#define TN_TOLERANCE_CENTS_MAX 25.0
+#define TN_TOLERANCE_CENTS_DEFAULT 5.0
+#define TN_FIXED_NOTE_MIN 0
+#define TN_FIXED_NOTE_MAX 127
+#define TN_FIXED_NOTE_DEFAULT (-1) /* chromatic */
+
 /* Tuner settings (40 bytes). Out-of-range or non-finite fields are replaced,
  * never rejected:
  *   a4_hz            400..480   else 440

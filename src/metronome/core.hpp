@@ -103,8 +103,6 @@ public:
     uint64_t frame_clock() const { return frame_clock_; }
     int64_t next_pulse_frame() const { return next_pulse_frame_; }
     int64_t last_pulse_frame() const { return last_pulse_frame_; }
-    int64_t pulse_numerator() const { return pulse_numerator_; }
-    int64_t pulse_denominator() const { return pulse_denominator_; }
     int64_t tempo_ubpm() const { return tempo_; }
     float master_gain() const { return master_gain_; }
     const VoicePool& voices() const { return voices_; }

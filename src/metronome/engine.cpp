@@ -19,7 +19,10 @@ MetronomeEngine::MetronomeEngine() : stored_(initial_config()) {
         return;
     }
     worker_running_ = true;
-    thread_ = platform::start_thread([this] { watchdog(); });
+    thread_ = platform::start_thread([this] {
+        WatchdogHost host{*this};
+        watchdog_.run(host, worker_running_);
+    });
 }
 
 MetronomeEngine::~MetronomeEngine() {
@@ -187,40 +190,27 @@ void MetronomeEngine::on_notification(const ma_device_notification* note) {
         case ma_device_notification_type_stopped:
         case ma_device_notification_type_rerouted:
         case ma_device_notification_type_interruption_ended:
-            if (self->worker_running_.load() && !self->closing_.load()) self->device_lost_ = true;
+            if (self->worker_running_.load() && !self->closing_.load()) self->watchdog_.report_lost();
             break;
         default: break;
     }
 }
 
-void MetronomeEngine::watchdog() {
-    using clock = std::chrono::steady_clock;
-    while (worker_running_.load()) {
-        if (device_lost_.exchange(false)) {
-            std::lock_guard<std::mutex> guard(control_);
-            if (device_open_ || started_) {
-                {
-                    std::lock_guard<std::mutex> status(status_lock_);
-                    status_.device_state = mn_device_reopening;
-                    status_.last_result = ws_ok;
-                    status_.backend_result = 0;
-                    ++status_.update_count;
-                }
-                const bool was_started = started_;
-                int32_t r = open_device();
-                if (r != ws_ok) {
-                    const std::string keep = selected_id_;
-                    selected_id_.clear();
-                    r = open_device();
-                    selected_id_ = keep;
-                }
-                // The click resumes at once, from bar 0, without count-in.
-                if (r == ws_ok && was_started) queue_start_without_count_in();
-            }
-        }
-        const auto deadline = clock::now() + kWatchdogPeriod;
-        while (clock::now() < deadline && worker_running_.load()) std::this_thread::sleep_until(deadline);
-    }
+void MetronomeEngine::WatchdogHost::mark_reopening() {
+    std::lock_guard<std::mutex> status(e.status_lock_);
+    e.status_.device_state = mn_device_reopening;
+    e.status_.last_result = ws_ok;
+    e.status_.backend_result = 0;
+    ++e.status_.update_count;
+}
+
+int32_t MetronomeEngine::WatchdogHost::open(bool default_device) {
+    if (!default_device) return e.open_device();
+    const std::string keep = e.selected_id_;
+    e.selected_id_.clear();
+    const int32_t r = e.open_device();
+    e.selected_id_ = keep;
+    return r;
 }
 
 }  // namespace ws::metronome

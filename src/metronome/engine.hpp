@@ -20,14 +20,13 @@
 
 #include "frame/device_catalogue.hpp"
 #include "metronome/core.hpp"
+#include "metronome/watchdog.hpp"
 #include "woodshed/metronome.h"
 
 namespace ws::metronome {
 
 class MetronomeEngine {
 public:
-    static constexpr auto kWatchdogPeriod = std::chrono::milliseconds(50);
-
     MetronomeEngine();
     ~MetronomeEngine();
     MetronomeEngine(const MetronomeEngine&) = delete;
@@ -56,7 +55,17 @@ private:
     int32_t open_device();  // control mutex held
     void close_device();    // control mutex held
     void queue_start_without_count_in();
-    void watchdog();
+
+    // The watchdog's view of the engine (Watchdog::step documents it).
+    struct WatchdogHost {
+        MetronomeEngine& e;
+        std::unique_lock<std::mutex> lock() { return std::unique_lock<std::mutex>(e.control_); }
+        bool device_open() const { return e.device_open_; }
+        bool started() const { return e.started_; }
+        void mark_reopening();
+        int32_t open(bool default_device);
+        void restart_without_count_in() { e.queue_start_without_count_in(); }
+    };
 
     MetronomeCore core_;
     ma_context context_{};
@@ -74,7 +83,7 @@ private:
 
     std::thread thread_;
     std::atomic<bool> worker_running_{false};
-    std::atomic<bool> device_lost_{false};
+    Watchdog watchdog_;
     // Set while the engine closes its own device: the back end reports that
     // as "stopped" too, and it must not read as a lost device.
     std::atomic<bool> closing_{false};

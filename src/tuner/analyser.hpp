@@ -45,7 +45,6 @@ public:
     uint32_t decimation() const { return timing_.decimation; }
     uint64_t window() const { return timing_.window; }
     uint64_t hop() const { return timing_.hop; }
-    uint64_t total_samples() const { return total_; }
     const PitchDetector& detector() const { return detector_; }
     const Biquad* filters() const { return filters_; }
 

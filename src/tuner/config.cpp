@@ -13,16 +13,19 @@ double in_range_or(double v, double lo, double hi, double fallback) {
 TunerConfig sanitise(const TunerConfig* in) {
     if (in == nullptr) return kDefaultConfig;
     TunerConfig c;
-    c.a4_hz = in_range_or(in->a4_hz, 400.0, 480.0, 440.0);
-    c.lowest_hz = in_range_or(in->lowest_hz, 20.0, 200.0, 55.0);
-    c.highest_hz = in_range_or(in->highest_hz, 200.0, 5000.0, 1200.0);
-    c.tolerance_cents = in_range_or(in->tolerance_cents, 0.5, 25.0, 5.0);
-    c.fixed_note = (in->fixed_note >= 0 && in->fixed_note <= 127) ? in->fixed_note : -1;
+    c.a4_hz = in_range_or(in->a4_hz, TN_A4_HZ_MIN, TN_A4_HZ_MAX, TN_A4_HZ_DEFAULT);
+    c.lowest_hz = in_range_or(in->lowest_hz, TN_LOWEST_HZ_MIN, TN_LOWEST_HZ_MAX, TN_LOWEST_HZ_DEFAULT);
+    c.highest_hz = in_range_or(in->highest_hz, TN_HIGHEST_HZ_MIN, TN_HIGHEST_HZ_MAX, TN_HIGHEST_HZ_DEFAULT);
+    c.tolerance_cents = in_range_or(in->tolerance_cents, TN_TOLERANCE_CENTS_MIN, TN_TOLERANCE_CENTS_MAX,
+                                    TN_TOLERANCE_CENTS_DEFAULT);
+    c.fixed_note = (in->fixed_note >= TN_FIXED_NOTE_MIN && in->fixed_note <= TN_FIXED_NOTE_MAX)
+                       ? in->fixed_note
+                       : TN_FIXED_NOTE_DEFAULT;
     c.slow_smoothing = in->slow_smoothing == 1 ? 1 : 0;
     // The detector needs at least half an octave of range to pick between lobes.
     if (1.5 * c.lowest_hz >= c.highest_hz) {
-        c.lowest_hz = 55.0;
-        c.highest_hz = 1200.0;
+        c.lowest_hz = TN_LOWEST_HZ_DEFAULT;
+        c.highest_hz = TN_HIGHEST_HZ_DEFAULT;
     }
     return c;
 }

@@ -6,7 +6,9 @@
 
 namespace ws::tuner {
 
-inline constexpr TunerConfig kDefaultConfig{440.0, 55.0, 1200.0, 5.0, -1, 0};
+inline constexpr TunerConfig kDefaultConfig{TN_A4_HZ_DEFAULT,           TN_LOWEST_HZ_DEFAULT,
+                                            TN_HIGHEST_HZ_DEFAULT,       TN_TOLERANCE_CENTS_DEFAULT,
+                                            TN_FIXED_NOTE_DEFAULT,       0};
 
 // Field-by-field replacement of out-of-range or non-finite values, then the
 // lowest/highest consistency rule. A null record gives the defaults.

@@ -37,8 +37,6 @@ public:
                 const TunerConfig& config);
     void reset_strobe() { strobe_ = 0.0; }
 
-    int32_t current_note() const { return current_; }
-
 private:
     int32_t current_ = -1;
     int32_t candidate_ = -1;

@@ -9,22 +9,12 @@
 namespace ws::test {
 
 MetronomeConfig base_config() {
-    MetronomeConfig c{};
-    c.tempo_ubpm = 120000000;
-    c.beats_per_bar = 4;
-    c.subdivisions = 1;
-    c.beat_divisor = 1;
-    c.beat_multiplier = 1;
-    c.swing = 0.5;
-    c.master_gain = 1.0;
+    MetronomeConfig c = metronome::plain_config();
     c.accent_gain = 0.9;
     c.beat_gain = 0.6;
     c.subdivision_gain = 0.3;
     c.sound = 2;
-    c.poly_sound = 5;
     c.poly_gain = 0.45;
-    c.ramp_target_ubpm = 120000000;
-    c.ramp_interval_bars = 1;
     for (auto& level : c.accent_pattern) level = mn_level_normal;
     return c;
 }

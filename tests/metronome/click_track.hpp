@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "metronome/config.hpp"
 #include "metronome/core.hpp"
 
 namespace ws::test {
@@ -19,8 +20,8 @@ struct Click {
     double gain;
 };
 
-// 120 BPM, 4 beats of one pulse, sound 2 (the shortest), every beat normal;
-// gains 1 / 0.9 / 0.6 / 0.3 for master / accent / beat / subdivision, so
+// The plain 4/4 at 120 BPM with sound 2 (the shortest), every beat normal,
+// and gains 1 / 0.9 / 0.6 / 0.3 for master / accent / beat / subdivision, so
 // each kind of click has a level of its own.
 MetronomeConfig base_config();
 

@@ -1,38 +1,19 @@
 // mn_render_offline through the shared library, as a host calls it:
-// argument checks, the click positions and values of a simple track, channel
-// copies, range checks on the record, and independence between calls.
+// argument checks, channel copies, range checks on the record, and
+// independence between calls (what it renders is the core's, tested there).
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstring>
 #include <limits>
 #include <thread>
 #include <vector>
 
+#include "metronome/config.hpp"
 #include "woodshed/metronome.h"
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
-
-MetronomeConfig simple() {
-    MetronomeConfig c{};
-    c.tempo_ubpm = 120000000;
-    c.beats_per_bar = 4;
-    c.subdivisions = 1;
-    c.beat_divisor = 1;
-    c.beat_multiplier = 1;
-    c.swing = 0.5;
-    c.master_gain = 1.0;
-    c.accent_gain = 1.0;
-    c.beat_gain = 0.5;
-    c.subdivision_gain = 0.25;
-    c.ramp_target_ubpm = 120000000;
-    c.ramp_interval_bars = 1;
-    c.accent_pattern[0] = mn_level_accent;
-    c.accent_pattern[1] = c.accent_pattern[2] = c.accent_pattern[3] = mn_level_normal;
-    return c;
-}
+MetronomeConfig simple() { return ws::metronome::plain_config(); }
 
 std::vector<float> render(const MetronomeConfig& c, double rate, int64_t frames, int32_t channels) {
     std::vector<float> out(static_cast<size_t>(frames * channels), 99.0f);
@@ -54,30 +35,6 @@ TEST(RenderOffline, InvalidArgumentsAreRejectedAndNothingIsWritten) {
     for (float s : out) ASSERT_EQ(s, 7.0f);
     EXPECT_EQ(mn_render_offline(&c, 48000, 64, 8, out.data()), 64);
     EXPECT_EQ(mn_render_offline(&c, 48000, 1, 1, out.data()), 1);
-}
-
-TEST(RenderOffline, ClicksStartOnTheBeatWithTheirComputedValues) {
-    const std::vector<float> out = render(simple(), 48000, 100000, 1);
-    // Beat 0: the accent of sound 0, a triangle at 1150 Hz, 38 ms (1824 samples).
-    auto accent = [](int i) {
-        const double t = i / 48000.0;
-        const double x = 2 * kPi * 1150 * t;  // below a quarter period: the triangle is a line
-        return std::exp(-95 * t) * 0.9 * (x * 2 / kPi) * 1.0 * 0.85;
-    };
-    EXPECT_EQ(out[0], 0.0f);
-    for (int i : {1, 2, 5, 10}) EXPECT_NEAR(out[static_cast<size_t>(i)], accent(i), 1e-6) << i;
-    // Beat 1 at frame 24000: the normal 820 Hz triangle at beat gain 0.5.
-    const double t = 3 / 48000.0;
-    EXPECT_NEAR(out[24003], std::exp(-95 * t) * 0.9 * (4 * 820 * t) * 0.5 * 0.85, 1e-6);
-    // Silence between the clicks, and a click on every beat.
-    for (int64_t beat = 0; beat < 4; ++beat) {
-        const size_t start = static_cast<size_t>(beat * 24000);
-        EXPECT_NE(out[start + 1], 0.0f) << beat;
-        EXPECT_EQ(out[start + 1823], 0.0f) << beat;  // the faded last sample
-        for (size_t i = start + 1824; i < std::min<size_t>(start + 24000, out.size()); ++i) {
-            ASSERT_EQ(out[i], 0.0f) << i;
-        }
-    }
 }
 
 TEST(RenderOffline, EveryChannelCarriesTheSameClick) {
@@ -117,39 +74,16 @@ TEST(RenderOffline, TheHostRecordIsCheckedButNotChanged) {
     std::memcpy(&copy, &wild, sizeof copy);
     const std::vector<float> a = render(wild, 48000, 400000, 2);
     EXPECT_EQ(std::memcmp(&copy, &wild, sizeof copy), 0);
-    const std::vector<float> b = render(clamped, 48000, 400000, 2);
-    EXPECT_EQ(a, b);
-}
-
-TEST(RenderOffline, BadRatesRenderAt48k) {
-    const std::vector<float> good = render(simple(), 48000, 30000, 1);
-    for (double rate : {0.0, -1.0, 7999.0, 384001.0, std::numeric_limits<double>::quiet_NaN(),
-                        std::numeric_limits<double>::infinity()}) {
-        EXPECT_EQ(render(simple(), rate, 30000, 1), good) << rate;
+    EXPECT_EQ(a, render(clamped, 48000, 400000, 2));
+    // A rate out of range renders at 48 kHz.
+    for (double rate : {0.0, 384001.0, std::numeric_limits<double>::quiet_NaN()}) {
+        EXPECT_EQ(render(clamped, rate, 30000, 1), render(clamped, 48000, 30000, 1)) << rate;
     }
 }
 
 TEST(RenderOffline, AnAllZeroRecordIsSilent) {
     const MetronomeConfig zero{};
     for (float s : render(zero, 48000, 20000, 2)) ASSERT_EQ(s, 0.0f);
-}
-
-TEST(RenderOffline, LoudTracksStayWithinFullScale) {
-    MetronomeConfig c = simple();
-    c.tempo_ubpm = 400000000;
-    c.beat_divisor = 8;
-    c.subdivisions = 12;
-    c.sound = 4;
-    c.accent_gain = c.beat_gain = c.subdivision_gain = 1.0;
-    c.poly_pulses = 32;
-    c.poly_gain = 1.0;
-    const std::vector<float> out = render(c, 48000, 48000, 2);
-    bool reached = false;
-    for (float s : out) {
-        ASSERT_TRUE(s >= -1.0f && s <= 1.0f) << s;
-        reached |= s == 1.0f || s == -1.0f;
-    }
-    EXPECT_TRUE(reached);  // loud enough to clip, and clipped exactly at full scale
 }
 
 TEST(RenderOffline, CallsAreIndependentAndMayRunAtOnce) {

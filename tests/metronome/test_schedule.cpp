@@ -18,11 +18,16 @@ namespace {
 using ws::metronome::MetronomeCore;
 using ws::test::base_config;
 using ws::test::Click;
-using ws::test::expected_track;
 using ws::test::first_difference;
 using ws::test::pulse_frame;
 using ws::test::render_mono;
 using ws::test::snapshot;
+
+// Empty when the core's output is exactly the track the clicks make.
+std::string track_difference(const MetronomeCore& core, const std::vector<float>& out,
+                             const std::vector<Click>& clicks) {
+    return first_difference(out, ws::test::expected_track(clicks, core.sound_bank(), 1.0f, out.size()));
+}
 
 // Renders and discards `frames` frames in blocks of `block`.
 void advance(MetronomeCore& core, int64_t frames, uint32_t block = 480) {
@@ -32,17 +37,6 @@ void advance(MetronomeCore& core, int64_t frames, uint32_t block = 480) {
         core.render(scratch.data(), n, 1);
         done += n;
     }
-}
-
-// Runs until the snapshot shows the pulse at bar, beat as the last one played.
-void advance_to(MetronomeCore& core, int64_t bar, int32_t beat, uint32_t block = 64) {
-    std::vector<float> scratch(block);
-    for (int guard = 0; guard < 10000000; ++guard) {
-        core.render(scratch.data(), block, 1);
-        const MetronomeSnapshot s = snapshot(core);
-        if (s.bar == bar && s.beat == beat) return;
-    }
-    FAIL() << "never reached bar " << bar << " beat " << beat;
 }
 
 // ------------------------------------------------------------ pulse positions
@@ -55,18 +49,17 @@ struct Grid {
 };
 
 const Grid kGrids[] = {
-    {48000, 120000000, 1, 1, 1},   // 24000 frames exactly
-    {44100, 100000000, 3, 1, 1},   // 8820 exactly
-    {44100, 110000000, 1, 1, 1},   // 24054.54...: lengths alternate, never drift
-    {96000, 137500000, 5, 2, 1},   // 4189.09...
+    {48000, 120000000, 1, 1, 1},      // 24000 frames exactly
+    {44100, 110000000, 1, 1, 1},      // 24054.54...: lengths alternate, never drift
+    {96000, 137500000, 5, 2, 1},      // 4189.09...
     {8000, 400000000, 12, 8, 1, 96},  // 12.5: the shortest pulse in range
-    {22050, 33333000, 2, 1, 2},    // slow, doubled beat
-    {192000, 61234567, 7, 3, 2},   // odd tempo: whole millibeats (61234) count
+    {22050, 33333000, 2, 1, 2},       // slow, doubled beat
+    {192000, 61234567, 7, 3, 2},      // odd tempo: whole millibeats (61234) count
 };
 
 TEST(BeatScheduling, PulseKLandsOnItsExactFrameWhateverTheBlockSizes) {
     for (const Grid& g : kGrids) {
-        for (uint32_t seed : {0u, 7u, 1234u}) {
+        for (uint32_t seed : {0u, 1234u}) {
             SCOPED_TRACE(testing::Message() << g.rate << " Hz, " << g.ubpm << " ubpm, " << g.subdivisions
                                             << " subdivisions, seed " << seed);
             MetronomeCore core;
@@ -81,112 +74,32 @@ TEST(BeatScheduling, PulseKLandsOnItsExactFrameWhateverTheBlockSizes) {
             auto at = [&](int64_t k) {
                 return pulse_frame(k, g.rate, g.ubpm, g.subdivisions, g.divisor, g.multiplier);
             };
-
             // About a million frames of each grid (24 pulses at least, 200 at most).
             const int64_t count = std::clamp<int64_t>(1000000 / std::max<int64_t>(at(1), 1), 24, 200);
-            const int64_t frames = at(count) + 1;
-            std::vector<float> out(static_cast<size_t>(frames));
+            std::vector<float> out(static_cast<size_t>(at(count) + 1));
             ws::test::BlockSizes sizes(seed, g.max_block);
             int64_t k = 0;  // pulses played so far
-            for (int64_t done = 0; done < frames;) {
-                const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(sizes.next(), frames - done));
+            const int64_t per_bar = 3 * g.subdivisions;
+            for (int64_t done = 0; done < static_cast<int64_t>(out.size());) {
+                const uint32_t n = static_cast<uint32_t>(
+                    std::min<int64_t>(sizes.next(), static_cast<int64_t>(out.size()) - done));
                 core.render(out.data() + done, n, 1);
                 done += n;
                 while (at(k) < done) ++k;
                 ASSERT_EQ(core.next_pulse_frame(), at(k)) << "after frame " << done;
                 ASSERT_EQ(core.last_pulse_frame(), at(k - 1)) << "after frame " << done;
                 const MetronomeSnapshot s = snapshot(core);
-                const int64_t per_bar = 3 * g.subdivisions;
                 ASSERT_EQ(s.bar, (k - 1) / per_bar);
                 ASSERT_EQ(s.beat, ((k - 1) % per_bar) / g.subdivisions);
                 ASSERT_EQ(s.subdivision, (k - 1) % g.subdivisions);
                 ASSERT_EQ(s.frame_clock, static_cast<uint64_t>(done));
             }
             std::vector<Click> clicks;
-            for (int64_t j = 0; j <= count; ++j) {
-                clicks.push_back({at(j), 2, false, j % g.subdivisions == 0 ? 0.6 : 0.3});
-            }
-            const auto expect = expected_track(clicks, core.sound_bank(), 1.0f, out.size());
-            EXPECT_EQ(first_difference(out, expect), "");
+            for (int64_t j = 0; j <= count; ++j) clicks.push_back({at(j), 2, false, j % g.subdivisions == 0 ? 0.6 : 0.3});
+            EXPECT_EQ(track_difference(core, out, clicks), "");
         }
     }
 }
-
-TEST(BeatScheduling, PulseLengthsWorkedOutByHand) {
-    EXPECT_EQ(pulse_frame(1, 48000, 120000000, 1), 24000);
-    EXPECT_EQ(pulse_frame(2, 48000, 120000000, 1), 48000);
-    EXPECT_EQ(pulse_frame(1, 44100, 100000000, 3), 8820);
-    EXPECT_EQ(pulse_frame(1, 8000, 400000000, 12), 100);
-    // 110 BPM at 44100 Hz: 24054.54... frames a beat, so lengths are 24054 or 24055.
-    MetronomeCore core;
-    core.prepare(44100);
-    MetronomeConfig c = base_config();
-    c.tempo_ubpm = 110000000;
-    core.start(c);
-    std::vector<float> block(512);
-    int64_t previous = 0;
-    std::map<int64_t, int> lengths;
-    for (int i = 0; i < 2000; ++i) {
-        core.render(block.data(), 512, 1);
-        if (core.last_pulse_frame() != previous) {
-            lengths[core.last_pulse_frame() - previous] += 1;
-            previous = core.last_pulse_frame();
-        }
-    }
-    EXPECT_EQ(lengths.size(), 2u);
-    EXPECT_TRUE(lengths.count(24054) && lengths.count(24055));
-}
-
-bool sanitized_build() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    return true;
-#elif defined(__has_feature)
-#  if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-    return true;
-#  else
-    return false;
-#  endif
-#else
-    return false;
-#endif
-}
-
-TEST(BeatScheduling, TwentyFourHoursAt110BpmKeepExactPhase) {
-    // 24 h x 110 BPM = 158400 beats of 24054.54... frames: pulse 158400 falls
-    // exactly on frame 3810240000, the end of the run. Sanitizer builds, many
-    // times slower, run 15 minutes (1650 beats, the next on frame 39690000).
-    const int64_t minutes = sanitized_build() ? 15 : 24 * 60;
-    const int64_t rate = 44100, ubpm = 110000000;
-    const int64_t total = minutes * 60 * rate;
-    MetronomeCore core;
-    core.prepare(static_cast<double>(rate));
-    MetronomeConfig c = base_config();
-    c.tempo_ubpm = ubpm;
-    core.start(c);
-    std::vector<float> block(4096);
-    ws::test::BlockSizes sizes(99, 4096);
-    int64_t k = 0;
-    for (int64_t done = 0; done < total;) {
-        const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(sizes.next(), total - done));
-        core.render(block.data(), n, 1);
-        done += n;
-        while (pulse_frame(k, rate, ubpm, 1) < done) ++k;
-        if (core.next_pulse_frame() != pulse_frame(k, rate, ubpm, 1)) {
-            FAIL() << "pulse " << k << " at " << core.next_pulse_frame() << ", expected "
-                   << pulse_frame(k, rate, ubpm, 1);
-        }
-    }
-    EXPECT_EQ(k, minutes * 110);
-    EXPECT_EQ(core.next_pulse_frame(), total);
-    const MetronomeSnapshot s = snapshot(core);
-    EXPECT_EQ(s.frame_clock, static_cast<uint64_t>(total));
-    EXPECT_EQ(s.bar, (k - 1) / 4);
-    EXPECT_EQ(s.beat, (k - 1) % 4);
-    // The last pulse played to its very end: bar phase (beat + 1) / 4.
-    EXPECT_EQ(s.bar_phase, static_cast<double>((k - 1) % 4 + 1) / 4.0);
-}
-
-// ------------------------------------------------------------------- swing
 
 TEST(BeatScheduling, SwingSplitsEachPairButKeepsItsLength) {
     struct Row { int64_t rate, ubpm, subdivisions; double swing; };
@@ -210,19 +123,12 @@ TEST(BeatScheduling, SwingSplitsEachPairButKeepsItsLength) {
             const int64_t units = 2000 * (j / 2) + (j % 2) * 2 * s;
             return units * r.rate * 60000 / (1000 * (r.ubpm / 1000) * r.subdivisions);
         };
-        const int64_t frames = at(64);
-        const std::vector<float> out = render_mono(core, static_cast<size_t>(frames), 333, 5);
+        const std::vector<float> out = render_mono(core, static_cast<size_t>(at(64)), 333, 5);
         std::vector<Click> clicks;
-        for (int64_t j = 0; j < 64; ++j) {
-            clicks.push_back({at(j), 2, false, j % r.subdivisions == 0 ? 0.6 : 0.3});
-        }
-        EXPECT_EQ(first_difference(out, expected_track(clicks, core.sound_bank(), 1.0f, out.size())), "");
+        for (int64_t j = 0; j < 64; ++j) clicks.push_back({at(j), 2, false, j % r.subdivisions == 0 ? 0.6 : 0.3});
+        EXPECT_EQ(track_difference(core, out, clicks), "");
         EXPECT_EQ(core.next_pulse_frame(), at(64));
     }
-    // The worked example: 0.66 at 120 BPM, 48 kHz, two per beat.
-    auto first = [](int64_t j) { return 24000 * (j / 2) + (j % 2) * 15840; };
-    EXPECT_EQ(first(1) - first(0), 15840);
-    EXPECT_EQ(first(2) - first(1), 8160);
 }
 
 // --------------------------------------------------------- pattern and bars
@@ -235,12 +141,10 @@ TEST(BeatScheduling, CountInPlaysAccentsOnBeatsWithNegativeBars) {
     c.accent_pattern[0] = mn_level_silent;  // count-in ignores the pattern
     core.start(c);
     const int64_t pulse = 12000;
-    const int64_t frames = 24 * pulse + 1;
-    std::vector<float> out(static_cast<size_t>(frames));
+    std::vector<float> out(static_cast<size_t>(24 * pulse + 1));
     int64_t k = 0;
-    std::map<int64_t, int> states_by_bar;
-    for (int64_t done = 0; done < frames;) {
-        const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(1000, frames - done));
+    for (int64_t done = 0; done < static_cast<int64_t>(out.size());) {
+        const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(1000, static_cast<int64_t>(out.size()) - done));
         core.render(out.data() + done, n, 1);
         done += n;
         while (k * pulse < done) ++k;
@@ -253,22 +157,20 @@ TEST(BeatScheduling, CountInPlaysAccentsOnBeatsWithNegativeBars) {
     for (int64_t j = 0; j <= 24; ++j) {
         const bool count_in = j < 16, on_beat = j % 2 == 0;
         if (count_in && on_beat) clicks.push_back({j * pulse, 2, true, 0.9});
-        if (!count_in && on_beat && (j / 2) % 4 != 0) clicks.push_back({j * pulse, 2, false, 0.6});
-        if (!count_in && !on_beat && (j / 2) % 4 != 0) clicks.push_back({j * pulse, 2, false, 0.3});
+        if (!count_in && (j / 2) % 4 != 0) clicks.push_back({j * pulse, 2, false, on_beat ? 0.6 : 0.3});
     }
-    EXPECT_EQ(std::count_if(clicks.begin(), clicks.end(), [](const Click& x) { return x.accent; }), 8);
-    EXPECT_EQ(first_difference(out, expected_track(clicks, core.sound_bank(), 1.0f, out.size())), "");
+    EXPECT_EQ(track_difference(core, out, clicks), "");
 }
 
 TEST(BeatScheduling, AccentLevelsChooseSoundAndGain) {
-    struct Row { double subdivision_gain; bool subdivisions_sound; };
-    const Row rows[] = {{0.3, true}, {0.004, false}, {0.0041, true}};
-    for (const Row& r : rows) {
+    // 0.004 is the quietest subdivision not worth a voice; soft beats still sound.
+    for (double subdivision_gain : {0.3, 0.004, 0.0041}) {
+        const bool subdivisions_sound = subdivision_gain > 0.004;
         MetronomeCore core;
         MetronomeConfig c = base_config();
         c.beats_per_bar = 5;
         c.subdivisions = 2;
-        c.subdivision_gain = r.subdivision_gain;
+        c.subdivision_gain = subdivision_gain;
         const uint8_t levels[5] = {4, 3, 2, 1, 0};
         for (int i = 0; i < 5; ++i) c.accent_pattern[i] = levels[i];
         c.accent_pattern[5] = 1;  // beat 5 does not exist in a 5-beat bar: never read
@@ -279,19 +181,14 @@ TEST(BeatScheduling, AccentLevelsChooseSoundAndGain) {
             const int64_t f = j * 12000;
             const int beat = static_cast<int>((j / 2) % 5);
             if (j % 2 == 1) {
-                if (beat != 4 && r.subdivisions_sound) clicks.push_back({f, 2, false, r.subdivision_gain});
-                continue;
-            }
-            switch (levels[beat]) {
-                case 4: clicks.push_back({f, 2, true, 0.9}); break;
-                case 3: clicks.push_back({f, 2, true, 0.9 * 0.7}); break;
-                case 2: clicks.push_back({f, 2, false, 0.6}); break;
-                case 1: clicks.push_back({f, 2, false, r.subdivision_gain}); break;  // soft beats still sound
-                default: break;
+                if (beat != 4 && subdivisions_sound) clicks.push_back({f, 2, false, subdivision_gain});
+            } else if (levels[beat] >= 3) {
+                clicks.push_back({f, 2, true, levels[beat] == 4 ? 0.9 : 0.9 * 0.7});
+            } else if (levels[beat] >= 1) {
+                clicks.push_back({f, 2, false, levels[beat] == 2 ? 0.6 : subdivision_gain});
             }
         }
-        EXPECT_EQ(first_difference(out, expected_track(clicks, core.sound_bank(), 1.0f, out.size())), "")
-            << r.subdivision_gain;
+        EXPECT_EQ(track_difference(core, out, clicks), "") << subdivision_gain;
     }
 }
 
@@ -307,42 +204,29 @@ TEST(BeatScheduling, GapTrainerSilencesItsBarsButNeverTheCountIn) {
     const int64_t beat = 24000, bar = 2 * beat;
     std::map<int64_t, int32_t> muted;
     std::vector<float> out(static_cast<size_t>(7 * bar));
-    for (int64_t done = 0; done < 7 * bar;) {
+    for (int64_t done = 0; done < 7 * bar; done += 500) {
         core.render(out.data() + done, 500, 1);
-        done += 500;
-        const MetronomeSnapshot s = snapshot(core);
         // After a bar's first beat the flag describes that bar; after its last
         // one it already describes the next.
+        const MetronomeSnapshot s = snapshot(core);
         if (s.beat == 0) muted[s.bar] = s.bar_muted;
     }
     const std::map<int64_t, int32_t> expect_muted = {{-1, 0}, {0, 0}, {1, 0}, {2, 1}, {3, 0}, {4, 0}, {5, 1}};
     EXPECT_EQ(muted, expect_muted);
-    std::vector<Click> clicks;
-    for (int64_t b = -1; b <= 5; ++b) {
+    std::vector<Click> clicks = {{0, 2, true, 0.9}, {beat, 2, true, 0.9}};
+    for (int64_t b = 0; b <= 5; ++b) {
         const int64_t start = (b + 1) * bar;
-        if (b < 0) {
-            clicks.push_back({start, 2, true, 0.9});
-            clicks.push_back({start + beat, 2, true, 0.9});
-            continue;
-        }
         if (b % 3 == 2) continue;
         clicks.push_back({start, 2, false, 0.6});
         clicks.push_back({start + beat, 2, false, 0.6});
         for (int64_t j = 0; j < 3; ++j) clicks.push_back({start + j * 16000, 5, j == 0, 0.45});
     }
-    EXPECT_EQ(first_difference(out, expected_track(clicks, core.sound_bank(), 1.0f, out.size())), "");
-}
-
-uint32_t xorshift(uint32_t x) {
-    x ^= x << 13;
-    x ^= x >> 17;
-    x ^= x << 5;
-    return x;
+    EXPECT_EQ(track_difference(core, out, clicks), "");
 }
 
 TEST(BeatScheduling, RandomDropFollowsTheSeededSequence) {
     struct Row { uint32_t seed; double probability; };
-    const Row rows[] = {{12345, 0.5}, {0, 0.5}, {0x9E3779B9u, 0.5}, {777, 0.25}, {42, 1.0}};
+    const Row rows[] = {{12345, 0.5}, {0, 0.5}, {777, 0.25}, {42, 1.0}};
     for (const Row& r : rows) {
         SCOPED_TRACE(testing::Message() << "seed " << r.seed << ", p " << r.probability);
         MetronomeCore core;
@@ -356,13 +240,14 @@ TEST(BeatScheduling, RandomDropFollowsTheSeededSequence) {
         const int64_t pulse = 12000, bars = 6;
         const std::vector<float> out = render_mono(core, static_cast<size_t>((bars + 1) * 8 * pulse), 480, 3);
         std::vector<Click> clicks;
-        uint32_t x = r.seed != 0 ? r.seed : 0x9E3779B9u;
+        uint32_t x = r.seed != 0 ? r.seed : 0x9E3779B9u;  // xorshift32 from the seed
         int dropped = 0;
         for (int64_t j = 0; j < 8; j += 2) clicks.push_back({j * pulse, 2, true, 0.9});
         for (int64_t b = 0; b < bars; ++b) {
-            for (int64_t beat = 0; beat < 4; ++beat) {
-                if (beat == 3) continue;
-                x = xorshift(x);
+            for (int64_t beat = 0; beat < 3; ++beat) {
+                x ^= x << 13;
+                x ^= x >> 17;
+                x ^= x << 5;
                 if (r.probability > x / 4294967296.0) {
                     ++dropped;
                     continue;  // the beat and its subdivision
@@ -373,10 +258,9 @@ TEST(BeatScheduling, RandomDropFollowsTheSeededSequence) {
             }
         }
         if (r.probability < 1.0) {
-            EXPECT_GT(dropped, 0);
-            EXPECT_LT(dropped, bars * 3);
+            EXPECT_TRUE(dropped > 0 && dropped < bars * 3);
         }
-        EXPECT_EQ(first_difference(out, expected_track(clicks, core.sound_bank(), 1.0f, out.size())), "");
+        EXPECT_EQ(track_difference(core, out, clicks), "");
         // A new start replays the same sequence.
         core.start(c);
         EXPECT_EQ(first_difference(render_mono(core, out.size(), 480, 3), out), "");
@@ -387,12 +271,9 @@ TEST(BeatScheduling, SecondRhythmDividesEveryBarEvenly) {
     struct Row { int64_t rate, ubpm; int32_t beats, subdivisions, poly; double swing; };
     const Row rows[] = {{48000, 120000000, 4, 1, 3, 0.5},   // 96000-frame bars: 0, 32000, 64000
                         {44100, 110000000, 3, 2, 7, 0.5},   // neither bar nor parts whole frames
-                        {48000, 100000000, 5, 3, 4, 0.7},
                         {44100, 97000000, 4, 2, 5, 0.66},   // swing moves pulses, not the second rhythm
                         {48000, 60000000, 1, 1, 32, 0.5},
                         // More parts than beats: the last parts fall after the bar's last beat.
-                        {48000, 120000000, 4, 1, 5, 0.5},
-                        {48000, 90000000, 3, 1, 4, 0.5},
                         {44100, 140000000, 2, 3, 3, 0.5}};
     for (const Row& r : rows) {
         SCOPED_TRACE(testing::Message() << r.rate << " Hz, " << r.poly << " over " << r.beats);
@@ -406,8 +287,7 @@ TEST(BeatScheduling, SecondRhythmDividesEveryBarEvenly) {
         c.poly_pulses = r.poly;
         for (auto& level : c.accent_pattern) level = mn_level_silent;  // only the second rhythm sounds
         core.start(c);
-        const int64_t pulses_per_bar = r.beats * r.subdivisions;
-        const int64_t bars = 5;
+        const int64_t pulses_per_bar = r.beats * r.subdivisions, bars = 5;
         const int64_t frames = pulse_frame(bars * pulses_per_bar, r.rate, r.ubpm, r.subdivisions);
         const std::vector<float> out = render_mono(core, static_cast<size_t>(frames), 600, 11);
         std::vector<Click> clicks;
@@ -419,7 +299,7 @@ TEST(BeatScheduling, SecondRhythmDividesEveryBarEvenly) {
                 clicks.push_back({bar_start + offset, 5, j == 0, 0.45});
             }
         }
-        EXPECT_EQ(first_difference(out, expected_track(clicks, core.sound_bank(), 1.0f, out.size())), "");
+        EXPECT_EQ(track_difference(core, out, clicks), "");
     }
 }
 
@@ -427,13 +307,8 @@ TEST(BeatScheduling, SecondRhythmDividesEveryBarEvenly) {
 
 // Tempo of each bar as the snapshot shows it on the bar's second beat, and
 // the length of that beat.
-struct BarTempo {
-    int64_t tempo;
-    int64_t beat_length;
-};
-
-std::map<int64_t, BarTempo> tempos_by_bar(MetronomeCore& core, int64_t bars) {
-    std::map<int64_t, BarTempo> seen;
+std::map<int64_t, std::pair<int64_t, int64_t>> tempos_by_bar(MetronomeCore& core, int64_t bars) {
+    std::map<int64_t, std::pair<int64_t, int64_t>> seen;
     std::vector<float> block(256);
     for (int guard = 0; guard < 5000000 && static_cast<int64_t>(seen.size()) < bars; ++guard) {
         core.render(block.data(), 256, 1);
@@ -448,11 +323,9 @@ std::map<int64_t, BarTempo> tempos_by_bar(MetronomeCore& core, int64_t bars) {
 TEST(BeatScheduling, RampsReachTheirTargetAndStay) {
     struct Row { int32_t mode; int64_t from, to, step; int32_t interval; std::vector<int64_t> bpm_by_bar; };
     const Row rows[] = {
-        {1, 100, 120, 4, 2, {100, 100, 104, 104, 108, 108, 112, 112, 116, 116, 120, 120, 120, 120}},
-        {1, 100, 110, 4, 1, {100, 104, 108, 110, 110, 110}},         // the last step stops at the target
-        {1, 120, 100, 8, 1, {120, 112, 104, 100, 100}},              // downwards
-        {1, 100, 120, 0, 3, {100, 100, 100, 104, 104, 104, 108}},    // step 0 means 4 BPM
-        {2, 100, 140, 0, 8, {100, 105, 110, 115, 120, 125, 130, 135, 140, 140, 140}},
+        {1, 100, 110, 4, 2, {100, 100, 104, 104, 108, 108, 110, 110}},  // the last step stops at the target
+        {1, 120, 100, 0, 1, {120, 116, 112, 108, 104, 100, 100}},        // downwards; step 0 means 4 BPM
+        {2, 100, 140, 0, 8, {100, 105, 110, 115, 120, 125, 130, 135, 140, 140}},
         {2, 140, 100, 0, 4, {140, 130, 120, 110, 100, 100}},
     };
     for (const Row& r : rows) {
@@ -468,16 +341,16 @@ TEST(BeatScheduling, RampsReachTheirTargetAndStay) {
         const auto seen = tempos_by_bar(core, static_cast<int64_t>(r.bpm_by_bar.size()));
         for (size_t b = 0; b < r.bpm_by_bar.size(); ++b) {
             ASSERT_TRUE(seen.count(static_cast<int64_t>(b)));
-            const BarTempo t = seen.at(static_cast<int64_t>(b));
-            EXPECT_EQ(t.tempo, r.bpm_by_bar[b] * 1000000) << "bar " << b;
+            const auto [tempo, beat_length] = seen.at(static_cast<int64_t>(b));
+            EXPECT_EQ(tempo, r.bpm_by_bar[b] * 1000000) << "bar " << b;
             // A beat of the bar lasts 60 s / BPM, within the one frame of rounding.
             const double exact = 48000.0 * 60.0 / static_cast<double>(r.bpm_by_bar[b]);
-            EXPECT_LT(std::fabs(static_cast<double>(t.beat_length) - exact), 1.0) << "bar " << b;
+            EXPECT_LT(std::fabs(static_cast<double>(beat_length) - exact), 1.0) << "bar " << b;
         }
     }
 }
 
-TEST(BeatScheduling, ATempoCommandEndsARamp) {
+TEST(BeatScheduling, ARampKeepsClimbingThroughAConfigureButATempoCommandEndsIt) {
     MetronomeCore core;
     MetronomeConfig c = base_config();
     c.tempo_ubpm = 100000000;
@@ -485,17 +358,22 @@ TEST(BeatScheduling, ATempoCommandEndsARamp) {
     c.ramp_target_ubpm = 140000000;
     c.ramp_interval_bars = 8;
     core.start(c);
-    advance_to(core, 2, 1);
-    EXPECT_EQ(snapshot(core).tempo_ubpm, 110000000);
+    EXPECT_EQ(tempos_by_bar(core, 4).at(3).first, 115000000);
+    MetronomeConfig next = c;
+    next.tempo_ubpm = 60000000;  // ignored on the fly while a ramp is configured
+    next.sound = 4;
+    core.configure(next);
+    auto seen = tempos_by_bar(core, 3);
+    EXPECT_EQ(seen.at(4).first, 120000000);
+    EXPECT_EQ(seen.at(5).first, 125000000);
+    EXPECT_EQ(core.active_config().sound, 4);
     core.set_tempo(90000000);
-    const auto seen = tempos_by_bar(core, 10);
+    seen = tempos_by_bar(core, 3);
     EXPECT_EQ(core.active_config().ramp_mode, mn_ramp_none);
-    for (int64_t b = 3; b < 10; ++b) EXPECT_EQ(seen.at(b).tempo, 90000000) << b;
+    for (const auto& [bar, t] : seen) EXPECT_EQ(t.first, 90000000) << bar;
     // A start with the ramp configured ramps again, from its own tempo.
     core.start(c);
-    const auto again = tempos_by_bar(core, 3);
-    EXPECT_EQ(again.at(0).tempo, 100000000);
-    EXPECT_EQ(again.at(2).tempo, 110000000);
+    EXPECT_EQ(tempos_by_bar(core, 3).at(2).first, 110000000);
 }
 
 // ---------------------------------------------------- commands on the fly
@@ -517,16 +395,11 @@ TEST(BeatScheduling, ConfigureWhileRunningWaitsForTheNextBarLine) {
                                             static_cast<int64_t>(out.size()) - done);
         core.render(out.data() + done, static_cast<uint32_t>(n), 1);
         done += n;
-        const MetronomeSnapshot s = snapshot(core);
         // Bar 2 begins, and the new settings with it, as soon as the last
         // pulse of bar 1 (frame 168000) has been played.
-        if (done > pushed_at && done <= 7 * beat) {
-            EXPECT_TRUE(core.has_pending_config()) << done;
-            EXPECT_EQ(s.tempo_ubpm, 120000000) << done;
-        }
-        if (done > 7 * beat) {
-            EXPECT_FALSE(core.has_pending_config()) << done;
-            EXPECT_EQ(s.tempo_ubpm, 90000000) << done;
+        if (done > pushed_at) {
+            EXPECT_EQ(core.has_pending_config(), done <= 7 * beat) << done;
+            EXPECT_EQ(snapshot(core).tempo_ubpm, done <= 7 * beat ? 120000000 : 90000000) << done;
         }
     }
     std::vector<Click> clicks;
@@ -535,27 +408,7 @@ TEST(BeatScheduling, ConfigureWhileRunningWaitsForTheNextBarLine) {
     for (int64_t j = 0; 8 * beat + j * 16000 < static_cast<int64_t>(out.size()); ++j) {
         clicks.push_back({8 * beat + j * 16000, 1, j % 2 == 0, j % 2 == 0 ? 0.9 : 0.3});
     }
-    EXPECT_EQ(first_difference(out, expected_track(clicks, core.sound_bank(), 1.0f, out.size())), "");
-}
-
-TEST(BeatScheduling, ConfiguringALinearRampOnTheFlyKeepsClimbing) {
-    MetronomeCore core;
-    MetronomeConfig c = base_config();
-    c.tempo_ubpm = 100000000;
-    c.ramp_mode = mn_ramp_linear;
-    c.ramp_target_ubpm = 140000000;
-    c.ramp_interval_bars = 8;
-    core.start(c);
-    advance_to(core, 3, 1);
-    EXPECT_EQ(snapshot(core).tempo_ubpm, 115000000);
-    MetronomeConfig next = c;
-    next.tempo_ubpm = 60000000;  // ignored on the fly while a ramp is configured
-    next.sound = 4;
-    core.configure(next);
-    const auto seen = tempos_by_bar(core, 7);
-    EXPECT_EQ(seen.at(4).tempo, 120000000);
-    EXPECT_EQ(seen.at(5).tempo, 125000000);
-    EXPECT_EQ(core.active_config().sound, 4);
+    EXPECT_EQ(track_difference(core, out, clicks), "");
 }
 
 TEST(BeatScheduling, ConfigureWhileStoppedAppliesAtOnce) {
@@ -563,11 +416,9 @@ TEST(BeatScheduling, ConfigureWhileStoppedAppliesAtOnce) {
     MetronomeConfig c = base_config();
     c.tempo_ubpm = 77000000;
     core.configure(c);
-    float block[32];
-    core.render(block, 32, 1);
+    advance(core, 32);
     EXPECT_FALSE(core.has_pending_config());
     EXPECT_EQ(core.tempo_ubpm(), 77000000);
-    EXPECT_EQ(core.active_config().sound, 2);
     EXPECT_EQ(core.master_gain(), MetronomeCore::kInitialMasterGain);  // waits for a start
     EXPECT_EQ(snapshot(core).state, mn_state_stopped);
 }
@@ -581,7 +432,7 @@ TEST(BeatScheduling, PauseAndResumeKeepThePosition) {
     paused.start(c);
     const int64_t total = 12 * 24000;
     const std::vector<float> expect = render_mono(reference, static_cast<size_t>(total), 480);
-    // Pause at 2880 frames after a pulse (sound 2 is 960 long, nothing is cut).
+    // Pause 2880 frames after a pulse (sound 2 is 960 long, nothing is cut).
     const int64_t pause_at = 30 * 8000 + 2880;
     std::vector<float> got = render_mono(paused, static_cast<size_t>(pause_at), 480);
     paused.pause();
@@ -589,37 +440,28 @@ TEST(BeatScheduling, PauseAndResumeKeepThePosition) {
     for (int i = 0; i < 25; ++i) {
         paused.render(block.data(), 480, 1);
         for (float s : block) ASSERT_EQ(s, 0.0f);
-        const MetronomeSnapshot s = snapshot(paused);
-        ASSERT_EQ(s.state, mn_state_paused);
-        ASSERT_EQ(s.frame_clock, static_cast<uint64_t>(pause_at));
+        ASSERT_EQ(snapshot(paused).state, mn_state_paused);
+        ASSERT_EQ(snapshot(paused).frame_clock, static_cast<uint64_t>(pause_at));
     }
     paused.resume();
     const std::vector<float> rest = render_mono(paused, static_cast<size_t>(total - pause_at), 480);
     got.insert(got.end(), rest.begin(), rest.end());
     EXPECT_EQ(first_difference(got, expect, 0.0f), "");
     EXPECT_EQ(snapshot(paused).state, mn_state_running);
+    // A pause in the count-in cuts the sounding click and resumes into the count-in.
+    MetronomeCore early;
+    early.start(c);
+    advance(early, 100, 100);
+    early.pause();
+    advance(early, 64, 64);
+    EXPECT_EQ(early.voices().active_count(), 0);
+    early.resume();
+    advance(early, 64, 64);
+    EXPECT_EQ(snapshot(early).state, mn_state_count_in);
 }
 
-TEST(BeatScheduling, PauseCutsSoundingClicksAndResumeReturnsToTheCountIn) {
-    MetronomeCore core;
-    MetronomeConfig c = base_config();
-    c.count_in_bars = 2;
-    core.start(c);
-    advance(core, 100, 100);  // inside the first click
-    EXPECT_EQ(core.voices().active_count(), 1);
-    core.pause();
-    advance(core, 64, 64);
-    EXPECT_EQ(core.voices().active_count(), 0);
-    core.resume();
-    advance(core, 64, 64);
-    EXPECT_EQ(snapshot(core).state, mn_state_count_in);
-    core.resume();  // resuming what is not paused changes nothing
-    advance(core, 64, 64);
-    EXPECT_EQ(snapshot(core).state, mn_state_count_in);
-}
-
-TEST(BeatScheduling, StopFadesOverExactlyOneBlock) {
-    for (uint32_t block : {1u, 64u, 256u, 517u}) {
+TEST(BeatScheduling, StopFadesOverExactlyOneBlockOrCutsAPause) {
+    for (uint32_t block : {1u, 517u}) {
         MetronomeCore reference, stopped;
         MetronomeConfig c = base_config();
         c.sound = 4;  // long enough to still sound when the stop comes
@@ -631,26 +473,16 @@ TEST(BeatScheduling, StopFadesOverExactlyOneBlock) {
         std::vector<float> a(block * 2), b(block * 2);
         reference.render(a.data(), block, 2);
         stopped.render(b.data(), block, 2);
-        bool any = false;
-        for (uint32_t i = 0; i < block; ++i) {
-            const float scale = 1.0f - static_cast<float>(i) / static_cast<float>(block);
-            for (uint32_t ch = 0; ch < 2; ++ch) {
-                ASSERT_EQ(b[i * 2 + ch], a[i * 2 + ch] * scale) << block << " " << i;
-            }
-            any |= a[i * 2] != 0.0f;
+        for (uint32_t i = 0; i < block * 2; ++i) {
+            const float scale = 1.0f - static_cast<float>(i / 2) / static_cast<float>(block);
+            ASSERT_EQ(b[i], a[i] * scale) << block << " " << i;
         }
-        EXPECT_TRUE(any);
-        EXPECT_EQ(b[0], a[0]);
-        MetronomeSnapshot s = snapshot(stopped);
-        EXPECT_EQ(s.state, mn_state_stopped);
-        EXPECT_EQ(s.frame_clock, 24100u);  // the fade block does not move the clock
-        EXPECT_EQ(stopped.voices().active_count(), 0);
+        EXPECT_TRUE(std::any_of(a.begin(), a.end(), [](float x) { return x != 0.0f; }));
+        EXPECT_EQ(snapshot(stopped).state, mn_state_stopped);
+        EXPECT_EQ(snapshot(stopped).frame_clock, 24100u);  // the fade block does not move the clock
         stopped.render(b.data(), block, 2);
         for (float x : b) ASSERT_EQ(x, 0.0f);
     }
-}
-
-TEST(BeatScheduling, StopWhilePausedIsSilentAtOnce) {
     MetronomeCore core;
     core.start(base_config());
     advance(core, 100, 100);
@@ -660,54 +492,41 @@ TEST(BeatScheduling, StopWhilePausedIsSilentAtOnce) {
     core.render(block.data(), 256, 1);
     for (float s : block) EXPECT_EQ(s, 0.0f);
     EXPECT_EQ(snapshot(core).state, mn_state_stopped);
-    core.stop();  // stopping what is stopped is harmless
-    core.render(block.data(), 256, 1);
-    EXPECT_EQ(snapshot(core).state, mn_state_stopped);
 }
 
-TEST(BeatScheduling, AFullQueueReplacesTheNewestCommand) {
+TEST(BeatScheduling, AFullQueueReplacesTheNewestCommandAndUnknownOnesAreSkipped) {
     MetronomeCore core;
     core.start(base_config());
     advance(core, 64, 64);
-    for (int i = 0; i < 31; ++i) EXPECT_FALSE(core.push({5, 60000000 + i, 0.0, {}}));
-    EXPECT_FALSE(core.push({2, 0, 0.0, {}}));                 // stop: the 32nd waiting command
-    EXPECT_TRUE(core.push({5, 99000000, 0.0, {}}));           // replaces the stop
+    core.push({0, 0, 0.0, {}});
+    core.push({0xFFFFFFFF, 5, 0.5, {}});
+    for (int i = 0; i < 29; ++i) EXPECT_FALSE(core.push({5, 60000000 + i, 0.0, {}}));
+    EXPECT_FALSE(core.push({2, 0, 0.0, {}}));        // stop: the 32nd waiting command
+    EXPECT_TRUE(core.push({5, 99000000, 0.0, {}}));  // replaces the stop
     advance(core, 64, 64);
     EXPECT_EQ(snapshot(core).state, mn_state_running);
     EXPECT_EQ(core.tempo_ubpm(), 99000000);
 }
 
-TEST(BeatScheduling, UnknownCommandsAreSkipped) {
-    MetronomeCore core;
-    core.start(base_config());
-    core.push({0, 0, 0.0, {}});
-    core.push({8, 5, 0.5, {}});
-    core.push({0xFFFFFFFF, 5, 0.5, {}});
-    core.set_tempo(61000000);
-    advance(core, 64, 64);
-    EXPECT_EQ(core.tempo_ubpm(), 61000000);
-    EXPECT_EQ(snapshot(core).state, mn_state_running);
-}
-
 // ----------------------------------------------------------------- snapshot
 
-TEST(MetronomeSnapshotRecord, NothingIsPublishedBeforeTheFirstBlock) {
+TEST(MetronomeSnapshotRecord, PublishedPerBlockAndCountedPerStart) {
     MetronomeCore core;
     MetronomeSnapshot s;
-    EXPECT_FALSE(core.read_snapshot(&s));
-    float block[8];
+    float block[100];
     core.render(nullptr, 8, 1);
     core.render(block, 0, 1);
     core.render(block, 8, 0);
     EXPECT_FALSE(core.read_snapshot(&s));
-    core.render(block, 8, 1);
-    ASSERT_TRUE(core.read_snapshot(&s));
-    EXPECT_EQ(s.publish_count, 1u);
-    EXPECT_EQ(s.run_id, 0u);
-    EXPECT_EQ(s.state, mn_state_stopped);
-    EXPECT_EQ(s.tempo_ubpm, 120000000);
-    EXPECT_EQ(s.sample_rate, 48000);
-    EXPECT_EQ(s.reserved, 0);
+    for (uint64_t run = 1; run <= 2; ++run) {
+        core.start(base_config());
+        core.render(block, 100, 1);
+        core.render(block, 100, 1);
+        s = snapshot(core);
+        EXPECT_EQ(s.run_id, run);
+        EXPECT_EQ(s.frame_clock, 200u);
+        EXPECT_EQ(s.publish_count, 2 * run);
+    }
 }
 
 TEST(MetronomeSnapshotRecord, PhasesFollowThePositionInBeatAndBar) {
@@ -717,7 +536,6 @@ TEST(MetronomeSnapshotRecord, PhasesFollowThePositionInBeatAndBar) {
         {30000, 4, 0.25, 0.3125, 1, 0},  // half way through the first pulse of beat 1
         {42000, 4, 0.75, 0.4375, 1, 1},  // half way through its second pulse
         {6000, 1, 0.25, 0.25, 0, 0},     // one beat per bar: bar phase is beat phase
-        {1, 4, 1.0 / 24000, 1.0 / 96000, 0, 0},
     };
     for (const Row& r : rows) {
         MetronomeCore core;
@@ -731,21 +549,6 @@ TEST(MetronomeSnapshotRecord, PhasesFollowThePositionInBeatAndBar) {
         EXPECT_DOUBLE_EQ(s.bar_phase, r.bar_phase) << r.at;
         EXPECT_EQ(s.beat, r.beat) << r.at;
         EXPECT_EQ(s.subdivision, r.subdivision) << r.at;
-        EXPECT_EQ(s.frame_clock, static_cast<uint64_t>(r.at));
-    }
-}
-
-TEST(MetronomeSnapshotRecord, EveryStartCountsAndResetsTheClock) {
-    MetronomeCore core;
-    float block[100];
-    for (uint64_t run = 1; run <= 3; ++run) {
-        core.start(base_config());
-        core.render(block, 100, 1);
-        core.render(block, 100, 1);
-        const MetronomeSnapshot s = snapshot(core);
-        EXPECT_EQ(s.run_id, run);
-        EXPECT_EQ(s.frame_clock, 200u);
-        EXPECT_EQ(s.publish_count, 2 * run);
     }
 }
 
