@@ -185,7 +185,7 @@ void record_share(Tally& t, const TunerConfig& cfg, const std::vector<float>& x,
     const size_t hop = static_cast<size_t>(a.hop() * a.decimation());
     double pick = std::nan("");
     for (size_t i = 0; i < x.size(); i += hop) {
-        const uint64_t before = a.total_samples();
+        const uint64_t before = i;  // samples pushed so far
         a.push(x.data() + i, std::min(hop, x.size() - i));
         const double s = a.detector().lower_octave_share();
         const double lower = a.detector().lower_octave_hz() * (lowest ? 1.0 : 2.0);
