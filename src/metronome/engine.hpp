@@ -18,6 +18,7 @@
 #include <string>
 #include <thread>
 
+#include "frame/audio_context.hpp"
 #include "frame/device_catalogue.hpp"
 #include "metronome/core.hpp"
 #include "woodshed/metronome.h"
@@ -27,13 +28,18 @@ namespace ws::metronome {
 class MetronomeEngine {
 public:
     static constexpr auto kWatchdogPeriod = std::chrono::milliseconds(50);
+    // Clicks are rendered 6 ms at a time; the back end holds 60 ms of them,
+    // which a sound server keeps fed through the hiccups of a busy machine
+    // (with less, a starved stream plays silence and shifts the clicks).
+    static constexpr uint32_t kPeriodMs = 6;
+    static constexpr uint32_t kPlaybackBufferMs = 60;
 
     MetronomeEngine();
     ~MetronomeEngine();
     MetronomeEngine(const MetronomeEngine&) = delete;
     MetronomeEngine& operator=(const MetronomeEngine&) = delete;
 
-    bool context_ready() const { return context_ready_; }
+    bool context_ready() const { return context_.ready(); }
 
     int32_t configure(const MetronomeConfig& config);
     int32_t start(const MetronomeConfig& config, const char* id_text);
@@ -59,8 +65,7 @@ private:
     void watchdog();
 
     MetronomeCore core_;
-    ma_context context_{};
-    bool context_ready_ = false;
+    frame::AudioContext context_;
     ma_device device_{};
     bool device_open_ = false;
     std::string selected_id_;

@@ -16,10 +16,14 @@ static_assert(kAAudioUsage == 1 && kAAudioContent == 2 && kAAudioInput == 6);
 static_assert(ma_backend_wasapi == 0 && ma_backend_dsound == 1 && ma_backend_winmm == 2);
 
 ma_device_config duplex_config(const ma_device_id* capture_id, ma_device_data_proc callback,
-                               void* user_data) {
+                               void* user_data, ma_backend backend) {
     ma_device_config cfg = ma_device_config_init(ma_device_type_duplex);
     cfg.sampleRate = kRecorderRate;
-    cfg.periodSizeInMilliseconds = 10;
+    // 10 ms periods over 40 ms of buffer: a busy machine must not starve the
+    // backing track (the server would play silence and move the round trip),
+    // and the round trip stays short (on a sound server both directions
+    // buffer the whole 40 ms: about 150 ms in all).
+    frame::apply_steady_buffer(cfg, backend, 10, 40);
     cfg.playback.pDeviceID = nullptr;
     cfg.playback.format = ma_format_f32;
     cfg.playback.channels = 2;
@@ -36,25 +40,21 @@ ma_device_config duplex_config(const ma_device_id* capture_id, ma_device_data_pr
     return cfg;
 }
 
-RecorderEngine::RecorderEngine() {
-    const ma_context_config cfg = ma_context_config_init();
-    context_ok_ = ma_context_init(nullptr, 0, &cfg, &context_) == MA_SUCCESS;
-}
+RecorderEngine::RecorderEngine() = default;
 
 RecorderEngine::~RecorderEngine() {
     stop();
-    if (context_ok_) ma_context_uninit(&context_);
 }
 
 int32_t RecorderEngine::backend() const {
-    return context_ok_ ? static_cast<int32_t>(context_.backend) : -1;
+    return context_.ready() ? static_cast<int32_t>(context_.backend()) : -1;
 }
 
 int32_t RecorderEngine::find_input(const char* name, char* buf, int32_t size) {
     std::lock_guard<std::mutex> guard(lock_);
-    if (!context_ok_) return ws_backend_init_failed;  // before the argument checks, by contract
+    if (!context_.ready()) return ws_backend_init_failed;  // before the argument checks, by contract
     if (name == nullptr || buf == nullptr || size < 8) return ws_invalid_argument;
-    return frame::find_capture_by_name(&context_, name, buf, size);
+    return frame::find_capture_by_name(context_.get(), name, buf, size);
 }
 
 void RecorderEngine::close_device() {
@@ -78,7 +78,7 @@ void RecorderEngine::finish_unstopped_take() {
 int32_t RecorderEngine::start(const char* source_path, const char* take_path, const char* input_id,
                               int32_t start_ms) {
     std::lock_guard<std::mutex> guard(lock_);
-    if (!context_ok_) return ws_backend_init_failed;
+    if (!context_.ready()) return ws_backend_init_failed;
     if (take_path == nullptr) return ws_invalid_argument;
     close_device();
     finish_unstopped_take();
@@ -94,8 +94,8 @@ int32_t RecorderEngine::start(const char* source_path, const char* take_path, co
     const bool by_id = input_id != nullptr && frame::parse_id_text(input_id, id_bytes);
     if (by_id) std::memcpy(&id, id_bytes, sizeof id);
 
-    const ma_device_config cfg = duplex_config(by_id ? &id : nullptr, &RecorderEngine::on_data, this);
-    const ma_result r = ma_device_init(&context_, &cfg, &device_);
+    const ma_device_config cfg = duplex_config(by_id ? &id : nullptr, &RecorderEngine::on_data, this, context_.backend());
+    const ma_result r = ma_device_init(context_.get(), &cfg, &device_);
     if (r != MA_SUCCESS) {
         core_.take().close();  // stays on disk with its provisional header
         return frame::map_device_result_recorder(r);

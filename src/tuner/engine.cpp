@@ -13,13 +13,10 @@ namespace ws::tuner {
 TunerEngine::TunerEngine(const TunerConfig* config)
     : analyser_(config), scratch_(new float[kScratch]()) {
     status_.change_count = 1;
-    const ma_context_config cfg = ma_context_config_init();
-    const ma_result r = ma_context_init(nullptr, 0, &cfg, &context_);
-    context_ready_ = r == MA_SUCCESS;
-    if (!context_ready_) {
+    if (!context_.ready()) {
         status_.state = tn_engine_failed;
         status_.result = ws_backend_init_failed;
-        status_.backend_result = r;
+        status_.backend_result = context_.result();
         return;
     }
     running_ = true;
@@ -34,7 +31,6 @@ TunerEngine::~TunerEngine() {
         capturing_ = false;
         close_device();
     }
-    if (context_ready_) ma_context_uninit(&context_);
 }
 
 void TunerEngine::configure(const TunerConfig& config) {
@@ -68,8 +64,8 @@ void TunerEngine::copy_status(TunerStatus* out) {
 int32_t TunerEngine::copy_reading(TunerReading* out) const { return reading_.read(out) ? 1 : 0; }
 
 int32_t TunerEngine::refresh_devices() {
-    if (!context_ready_) return ws_backend_init_failed;
-    return catalogue_.refresh(&context_, frame::map_device_result);
+    if (!context_.ready()) return ws_backend_init_failed;
+    return catalogue_.refresh(context_.get(), frame::map_device_result);
 }
 
 int32_t TunerEngine::get_device(int32_t index, DeviceRecord* out) const {
@@ -94,12 +90,12 @@ void TunerEngine::close_device() {
 }
 
 int32_t TunerEngine::open_device(const std::string& id_text) {
-    if (!context_ready_) return ws_backend_init_failed;
+    if (!context_.ready()) return ws_backend_init_failed;
     capturing_ = false;
     close_device();
 
     ma_device_id id;
-    const bool found = frame::resolve_listed_device(catalogue_, &context_, frame::map_device_result,
+    const bool found = frame::resolve_listed_device(catalogue_, context_.get(), frame::map_device_result,
                                                     id_text.c_str(), id);
 
     ma_device_config cfg = ma_device_config_init(ma_device_type_capture);
@@ -107,12 +103,12 @@ int32_t TunerEngine::open_device(const std::string& id_text) {
     cfg.capture.format = ma_format_f32;
     cfg.capture.channels = 1;
     cfg.sampleRate = 0;
-    cfg.periodSizeInMilliseconds = 10;
+    frame::apply_steady_buffer(cfg, context_.backend(), kPeriodMs, kCaptureBufferMs);
     cfg.dataCallback = &TunerEngine::on_data;
     cfg.notificationCallback = &TunerEngine::on_notification;
     cfg.pUserData = this;
 
-    ma_result r = ma_device_init(&context_, &cfg, &device_);
+    ma_result r = ma_device_init(context_.get(), &cfg, &device_);
     if (r == MA_SUCCESS) {
         device_open_ = true;
         {
