@@ -2,9 +2,12 @@
 
 #include <algorithm>
 
+#include "frame/platform.hpp"
+
 namespace ws::frame {
 
 AudioContext::AudioContext() {
+    const platform::QuietSoundLibraries quiet;
     log_ready_ = ma_log_init(nullptr, &log_) == MA_SUCCESS;
     ma_context_config cfg = ma_context_config_init();
     if (log_ready_) cfg.pLog = &log_;
@@ -14,6 +17,11 @@ AudioContext::AudioContext() {
 AudioContext::~AudioContext() {
     if (ready()) ma_context_uninit(&context_);
     if (log_ready_) ma_log_uninit(&log_);
+}
+
+ma_result AudioContext::open(const ma_device_config& config, ma_device* device) {
+    const platform::QuietSoundLibraries quiet;
+    return ma_device_init(&context_, &config, device);
 }
 
 void apply_steady_buffer(ma_device_config& config, ma_backend backend, std::uint32_t period_ms,

@@ -9,8 +9,9 @@
 namespace ws::frame {
 
 // A context over miniaudio's default back-end order, released with its
-// owner. It logs into a log with no listener: whatever the back end reports
-// is dropped, so a host's terminal never sees it.
+// owner. It logs into a log with no listener, and the sound libraries under
+// it are kept quiet while it starts and opens devices: whatever the back end
+// reports is dropped, so a host's terminal never sees it.
 class AudioContext {
 public:
     AudioContext();
@@ -22,6 +23,8 @@ public:
     ma_result result() const { return result_; }  // of ma_context_init
     ma_context* get() { return &context_; }
     ma_backend backend() const { return context_.backend; }
+    // ma_device_init on this context, quietly.
+    ma_result open(const ma_device_config& config, ma_device* device);
 
 private:
     ma_log log_{};

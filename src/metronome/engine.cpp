@@ -144,7 +144,7 @@ int32_t MetronomeEngine::open_device() {
     cfg.notificationCallback = &MetronomeEngine::on_notification;
     cfg.pUserData = this;
 
-    ma_result r = ma_device_init(context_.get(), &cfg, &device_);
+    ma_result r = context_.open(cfg, &device_);
     if (r == MA_SUCCESS) {
         device_open_ = true;
         // The click tables follow the device's rate; built before the

@@ -28,11 +28,12 @@ namespace ws::metronome {
 class MetronomeEngine {
 public:
     static constexpr auto kWatchdogPeriod = std::chrono::milliseconds(50);
-    // Clicks are rendered 6 ms at a time; the back end holds 60 ms of them,
+    // Clicks are rendered 6 ms at a time; the back end holds 100 ms of them,
     // which a sound server keeps fed through the hiccups of a busy machine
-    // (with less, a starved stream plays silence and shifts the clicks).
+    // (with less, a starved stream plays silence and shifts the clicks:
+    // 60 ms still let a loaded 2-core machine move one click in six).
     static constexpr uint32_t kPeriodMs = 6;
-    static constexpr uint32_t kPlaybackBufferMs = 60;
+    static constexpr uint32_t kPlaybackBufferMs = 100;
 
     MetronomeEngine();
     ~MetronomeEngine();

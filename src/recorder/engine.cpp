@@ -95,7 +95,7 @@ int32_t RecorderEngine::start(const char* source_path, const char* take_path, co
     if (by_id) std::memcpy(&id, id_bytes, sizeof id);
 
     const ma_device_config cfg = duplex_config(by_id ? &id : nullptr, &RecorderEngine::on_data, this, context_.backend());
-    const ma_result r = ma_device_init(context_.get(), &cfg, &device_);
+    const ma_result r = context_.open(cfg, &device_);
     if (r != MA_SUCCESS) {
         core_.take().close();  // stays on disk with its provisional header
         return frame::map_device_result_recorder(r);

@@ -108,7 +108,7 @@ int32_t TunerEngine::open_device(const std::string& id_text) {
     cfg.notificationCallback = &TunerEngine::on_notification;
     cfg.pUserData = this;
 
-    ma_result r = ma_device_init(context_.get(), &cfg, &device_);
+    ma_result r = context_.open(cfg, &device_);
     if (r == MA_SUCCESS) {
         device_open_ = true;
         {
