@@ -77,7 +77,9 @@ for stage in "${stages[@]}"; do
       # by the first test, or a server and its services shutting down
       # between two tests while the next one starts, is what faulted in
       # Wine's kernel service now and then.
-      wineboot -i >/dev/null 2>&1 || true
+      # Debian keeps wine64 and wineserver out of PATH.
+      export PATH="$PATH:/usr/lib/wine"
+      wine64 wineboot -i >/dev/null 2>&1 || true
       wineserver -w
       wineserver -p
       wine_up=1
