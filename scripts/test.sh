@@ -79,10 +79,12 @@ for stage in "${stages[@]}"; do
       # Wine's kernel service now and then.
       # Debian keeps wine64 and wineserver out of PATH.
       export PATH="$PATH:/usr/lib/wine"
-      wine64 wineboot -i >/dev/null 2>&1 || true
-      wineserver -w
+      # The server first, then the prefix and its services under it with
+      # their output on /dev/null: services a test started would inherit
+      # that test's output pipe and keep ctest waiting for it.
       wineserver -p
       wine_up=1
+      wine64 wineboot -i >/dev/null 2>&1 || true
       run_preset windows
       wineserver -k 2>/dev/null || true
       wine_up=""
