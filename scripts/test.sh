@@ -23,10 +23,24 @@ stop_pulse() {
     pulse_dir=""
   fi
 }
-trap stop_pulse EXIT
+wine_up=""
+finish() {
+  stop_pulse
+  if [ -n "$wine_up" ]; then wineserver -k 2>/dev/null || true; fi
+}
+trap finish EXIT
+
+# Each stage reports how long it took and how many tests ran, so a slow or
+# skipped stage shows in the summary.
+stage_start=0
+stage_done() {  # stage_done NAME WHAT
+  summary+=("$1: $2 in $((SECONDS - stage_start)) s")
+  echo "== $1: $2 in $((SECONDS - stage_start)) s"
+}
 
 run_preset() {  # configure, build and ctest one preset against a private sound server
   local preset=$1
+  stage_start=$SECONDS
   echo "== $preset: build"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$jobs"
@@ -36,11 +50,13 @@ run_preset() {  # configure, build and ctest one preset against a private sound 
   # shellcheck disable=SC1091
   source <(bash scripts/pulse-server.sh start "$pulse_dir")
   export WOODSHED_REQUIRE_SOUND_SERVER=1
-  local status=0
-  ctest --preset "$preset" -j "$jobs" || status=$?
+  local status=0 log="$PWD/build/$preset/ctest.log"
+  ctest --preset "$preset" -j "$jobs" 2>&1 | tee "$log" || status=$?
   stop_pulse
-  [ $status -eq 0 ] || { echo "== $preset: FAILED (server log: $PWD/build/$preset/pulse/pulse.log)"; exit $status; }
-  summary+=("$preset: passed")
+  local ran
+  ran=$(grep -Eo 'out of [0-9]+' "$log" | tail -n 1 | grep -Eo '[0-9]+' || echo 0)
+  [ $status -eq 0 ] || { echo "== $preset: FAILED after $((SECONDS - stage_start)) s, $ran tests (server log: $PWD/build/$preset/pulse/pulse.log)"; exit $status; }
+  stage_done "$preset" "passed, $ran tests"
 }
 
 for stage in "${stages[@]}"; do
@@ -56,9 +72,25 @@ for stage in "${stages[@]}"; do
       # Wine keeps its prefix inside the build tree; its first start takes a while.
       export WINEPREFIX="$PWD/build/windows/wineprefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
       mkdir -p "$WINEPREFIX"
+      # Set the prefix up once, before any test, and keep one wine server
+      # (with its device service) for the whole stage: a prefix being set up
+      # by the first test, or a server and its services shutting down
+      # between two tests while the next one starts, is what faulted in
+      # Wine's kernel service now and then.
+      # Debian keeps wine64 and wineserver out of PATH.
+      export PATH="$PATH:/usr/lib/wine"
+      # The server first, then the prefix and its services under it with
+      # their output on /dev/null: services a test started would inherit
+      # that test's output pipe and keep ctest waiting for it.
+      wineserver -p
+      wine_up=1
+      wine64 wineboot -i >/dev/null 2>&1 || true
       run_preset windows
+      wineserver -k 2>/dev/null || true
+      wine_up=""
       ;;
     fuzz)
+      stage_start=$SECONDS
       echo "== fuzz: build"
       cmake --preset fuzz >/dev/null
       cmake --build --preset fuzz -j "$jobs"
@@ -71,7 +103,7 @@ for stage in "${stages[@]}"; do
         "$target" -max_total_time="${WOODSHED_FUZZ_SECONDS:-30}" -rss_limit_mb=2048 -print_final_stats=1 \
           "$corpus" 2>&1 | tail -n 4
       done
-      summary+=("fuzz: passed")
+      stage_done fuzz "passed, $(ls build/fuzz/bin/fuzz_* | wc -l) targets"
       ;;
     *) echo "unknown stage: $stage" >&2; exit 2 ;;
   esac

@@ -27,57 +27,11 @@ bool sound_server_required() {
     return v != nullptr && std::string(v) == "1";
 }
 
-#if !defined(_WIN32)
-int shell(const std::string& command) { return std::system((command + " >/dev/null 2>&1").c_str()); }
-
-std::string shell_output(const std::string& command) {
-    std::string out;
-    if (FILE* p = popen(command.c_str(), "r")) {
-        char buf[256];
-        while (fgets(buf, sizeof buf, p)) out += buf;
-        pclose(p);
-    }
-    while (!out.empty() && (out.back() == '\n' || out.back() == ' ')) out.pop_back();
-    return out;
-}
-
-void unload_null_sink() { shell("pactl unload-module module-null-sink"); }
-
-void restore_null_sink() {
-    if (shell("pactl list short sinks | grep -q woodshed_sink") != 0) {
-        shell("pactl load-module module-null-sink sink_name=woodshed_sink rate=48000 channels=2 "
-              "format=float32le sink_properties=device.description=Woodshed_null_sink");
-    }
-    if (shell("pactl list short modules | grep -q module-always-sink") != 0) {
-        shell("pactl load-module module-always-sink");
-    }
-    shell("pactl set-default-sink woodshed_sink");
-    shell("pactl set-default-source woodshed_sink.monitor");
-    // A fresh keep-alive: the old one may have been moved or killed with its sink.
-    std::system("pacat --playback --raw --format=float32le --rate=48000 --channels=2 "
-                "--latency-msec=50 --device=woodshed_sink </dev/zero >/dev/null 2>&1 &");
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-}
-
-void unload_all_sinks() {
-    shell("pactl unload-module module-always-sink");
-    shell("pactl unload-module module-null-sink");
-}
-#endif
-
-TonePlayer::TonePlayer() {
-    const ma_context_config cfg = ma_context_config_init();
-    context_ok_ = ma_context_init(nullptr, 0, &cfg, &context_) == MA_SUCCESS;
-}
-
-TonePlayer::~TonePlayer() {
-    stop();
-    if (context_ok_) ma_context_uninit(&context_);
-}
+TonePlayer::~TonePlayer() { stop(); }
 
 bool TonePlayer::start(double frequency, double amplitude) {
     stop();
-    if (!context_ok_) return false;
+    if (!context_.ready()) return false;
     frequency_ = frequency;
     amplitude_ = amplitude;
     phase_ = 0.0;
@@ -85,10 +39,11 @@ bool TonePlayer::start(double frequency, double amplitude) {
     cfg.playback.format = ma_format_f32;
     cfg.playback.channels = 2;
     cfg.sampleRate = 0;
-    cfg.periodSizeInMilliseconds = 10;
+    // Buffered like the engines, so a loaded machine does not cut the tone.
+    frame::apply_steady_buffer(cfg, context_.backend(), 10, 60);
     cfg.dataCallback = &TonePlayer::on_data;
     cfg.pUserData = this;
-    if (ma_device_init(&context_, &cfg, &device_) != MA_SUCCESS) return false;
+    if (ma_device_init(context_.get(), &cfg, &device_) != MA_SUCCESS) return false;
     open_ = true;
     return ma_device_start(&device_) == MA_SUCCESS;
 }
@@ -112,27 +67,20 @@ void TonePlayer::on_data(ma_device* device, void* output, const void*, ma_uint32
     }
 }
 
-MonitorRecorder::MonitorRecorder() {
-    const ma_context_config cfg = ma_context_config_init();
-    context_ok_ = ma_context_init(nullptr, 0, &cfg, &context_) == MA_SUCCESS;
-}
-
-MonitorRecorder::~MonitorRecorder() {
-    stop();
-    if (context_ok_) ma_context_uninit(&context_);
-}
+MonitorRecorder::~MonitorRecorder() { stop(); }
 
 bool MonitorRecorder::start(double max_seconds) {
     stop();
-    if (!context_ok_) return false;
+    if (!context_.ready()) return false;
     ma_device_config cfg = ma_device_config_init(ma_device_type_capture);
     cfg.capture.format = ma_format_f32;
     cfg.capture.channels = 1;
     cfg.sampleRate = 0;
-    cfg.periodSizeInMilliseconds = 10;
+    // Room for half a second unread: the recording must not lose samples.
+    frame::apply_steady_buffer(cfg, context_.backend(), 10, 500);
     cfg.dataCallback = &MonitorRecorder::on_data;
     cfg.pUserData = this;
-    if (ma_device_init(&context_, &cfg, &device_) != MA_SUCCESS) return false;
+    if (ma_device_init(context_.get(), &cfg, &device_) != MA_SUCCESS) return false;
     open_ = true;
     rate_ = device_.sampleRate;
     samples_.assign(static_cast<size_t>(max_seconds * rate_), 0.0f);

@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "frame/audio_context.hpp"
+
 namespace ws::test {
 
 // True when a test server is expected. Without one, device tests skip,
@@ -45,23 +47,10 @@ private:
     size_t start_;
 };
 
-#if !defined(_WIN32)
-// pactl and friends against the test server (Linux only). Each returns the
-// command's exit status or its trimmed output.
-int shell(const std::string& command);
-std::string shell_output(const std::string& command);
-// Removes the null sink (the stand-in sink of module-always-sink takes over).
-void unload_null_sink();
-// Loads the null sink again as default sink/source, with a keep-alive stream.
-void restore_null_sink();
-// Removes every sink, so no device can open.
-void unload_all_sinks();
-#endif
-
 // A sine played on the default output device through miniaudio.
 class TonePlayer {
 public:
-    TonePlayer();
+    TonePlayer() = default;
     ~TonePlayer();
     bool start(double frequency, double amplitude = 0.5);
     void stop();
@@ -69,9 +58,8 @@ public:
 
 private:
     static void on_data(ma_device* device, void* output, const void* input, ma_uint32 frames);
-    ma_context context_{};
+    frame::AudioContext context_;
     ma_device device_{};
-    bool context_ok_ = false;
     bool open_ = false;
     double frequency_ = 0.0;
     double amplitude_ = 0.0;
@@ -82,7 +70,7 @@ private:
 // device's rate into a buffer sized up front.
 class MonitorRecorder {
 public:
-    MonitorRecorder();
+    MonitorRecorder() = default;
     ~MonitorRecorder();
     bool start(double max_seconds);
     void stop();
@@ -92,9 +80,8 @@ public:
 
 private:
     static void on_data(ma_device* device, void* output, const void* input, ma_uint32 frames);
-    ma_context context_{};
+    frame::AudioContext context_;
     ma_device device_{};
-    bool context_ok_ = false;
     bool open_ = false;
     uint32_t rate_ = 0;
     std::vector<float> samples_;

@@ -1,8 +1,10 @@
-// The SPSC ring's free-space rule, wrapping, draining in runs, and a seeded
-// two-thread run that checks every sample arrives once and in order.
+// The SPSC ring's free-space rule, draining in runs, and a seeded two-thread
+// run (blocks of every size wrapping the end) that checks every sample
+// arrives once and in order.
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <random>
 #include <thread>
@@ -48,30 +50,9 @@ TEST(SampleRing, ABlockExactlyFillingTheFreeSpaceFitsOneMoreDoesNot) {
     EXPECT_EQ(got[999], 999.0f);
     EXPECT_EQ(got[1000], 1000.0f);
     EXPECT_EQ(got[1023], 1023.0f);
-}
-
-TEST(SampleRing, ABlockLargerThanTheRingIsAlwaysDropped) {
-    Ring ring;
-    const auto big = ramp(1025);
+    const auto big = ramp(1025);  // larger than the ring: never fits, even empty
     EXPECT_FALSE(ring.try_push(big.data(), 1025));
     EXPECT_TRUE(ring.take_overflow());
-    EXPECT_EQ(ring.pending(), 0u);
-}
-
-TEST(SampleRing, BlocksStraddlingTheEndWrapAndComeBackInOrder) {
-    Ring ring;
-    std::vector<float> expected;
-    float next = 0.0f;
-    // Blocks of 300 walk the write position across the end several times.
-    for (int round = 0; round < 10; ++round) {
-        const auto block = ramp(300, next);
-        next += 300;
-        ASSERT_TRUE(ring.try_push(block.data(), 300));
-        expected.insert(expected.end(), block.begin(), block.end());
-        const auto got = drain_all(ring, 128);
-        ASSERT_EQ(got.size(), 300u);
-        EXPECT_TRUE(std::equal(got.begin(), got.end(), expected.end() - 300)) << round;
-    }
 }
 
 TEST(SampleRing, PendingDataDrainsInRunsOfTheScratchSize) {
@@ -162,9 +143,12 @@ TEST(SeqLock, ReadersNeverSeeATornRecord) {
             for (int spin = 0; spin < 200; ++spin) pause_point.fetch_add(1, std::memory_order_relaxed);
         }
     });
-    while (lock.sequence() == 0) std::this_thread::yield();
+    // Until enough consistent reads, however the threads are scheduled: a
+    // writer preempted mid-record fails every read until it runs again.
+    constexpr uint64_t kReads = 20000;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     uint64_t reads = 0, torn = 0, last = 0, backwards = 0;
-    for (int attempt = 0; attempt < 200000; ++attempt) {
+    while (reads < kReads && std::chrono::steady_clock::now() < deadline) {
         Record r;
         if (!lock.read(&r)) continue;
         ++reads;
@@ -176,7 +160,7 @@ TEST(SeqLock, ReadersNeverSeeATornRecord) {
     writer.join();
     EXPECT_EQ(torn, 0u);
     EXPECT_EQ(backwards, 0u);
-    EXPECT_GT(reads, 0u);
+    EXPECT_EQ(reads, kReads) << "consistent reads within 10 s";
 }
 
 }  // namespace

@@ -11,6 +11,15 @@
  *
  * Units: tempos are signed 64-bit millionths of a beat per minute (120 BPM is
  * 120000000); gains are linear factors 0..1; positions are frames.
+ *
+ * Latency: the output device holds about 100 ms of click ahead of what is
+ * heard (6 ms blocks with 100 ms of buffer behind them; on PulseAudio one
+ * 100 ms block), enough for a sound server to keep the click steady on a
+ * busy machine. So a start, stop or tempo change is heard up to about
+ * 100 ms after the call, plus the device's own latency. The snapshot
+ * reports the frame being rendered, which is ahead of the frame being heard
+ * by that buffer: a display that must line up with the sound delays what it
+ * shows by about 100 ms.
  */
 #ifndef WOODSHED_METRONOME_H
 #define WOODSHED_METRONOME_H
@@ -278,7 +287,8 @@ WS_API int32_t mn_get_device(int32_t index, DeviceRecord* out) WS_NOEXCEPT;
 WS_API int32_t mn_get_status(MetronomeStatus* out) WS_NOEXCEPT;
 
 /* Copies the latest position snapshot without blocking the audio thread.
- * Query convention: 1 if copied; 0 if no audio block has played yet or no
+ * The position is that of the last block rendered, about 100 ms ahead of
+ * what is heard (see Latency above). Query convention: 1 if copied; 0 if no audio block has played yet or no
  * consistent copy could be taken (try again); -2; -3 for NULL. */
 WS_API int32_t mn_get_snapshot(MetronomeSnapshot* out) WS_NOEXCEPT;
 

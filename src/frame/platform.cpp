@@ -4,6 +4,10 @@
 #include <chrono>
 #include <cstdlib>
 
+#if defined(__linux__)
+#  include <dlfcn.h>
+#  include <cstdarg>
+#endif
 #if defined(_WIN32)
 #  ifndef WIN32_LEAN_AND_MEAN
 #    define WIN32_LEAN_AND_MEAN
@@ -353,5 +357,35 @@ const ReplaceSteps& system_replace_steps() {
                                     sys_copy_mode,  sys_replace, sys_sync_folder, sleep_for_ms};
     return steps;
 }
+
+#if defined(__linux__)
+namespace {
+using LocalHandler = void (*)(const char*, int, const char*, int, const char*, va_list);
+using SetLocal = LocalHandler (*)(LocalHandler);
+
+void drop(const char*, int, const char*, int, const char*, va_list) {}
+
+// ALSA's per-thread error handler, if ALSA is there at all. The library is
+// kept loaded: the back end loads the same one.
+SetLocal alsa_set_local() {
+    static const SetLocal fn = []() -> SetLocal {
+        void* lib = dlopen("libasound.so.2", RTLD_NOW | RTLD_LOCAL);
+        return lib != nullptr ? reinterpret_cast<SetLocal>(dlsym(lib, "snd_lib_error_set_local")) : nullptr;
+    }();
+    return fn;
+}
+}  // namespace
+
+QuietSoundLibraries::QuietSoundLibraries() {
+    if (const SetLocal set = alsa_set_local()) previous_ = reinterpret_cast<void (*)()>(set(&drop));
+}
+
+QuietSoundLibraries::~QuietSoundLibraries() {
+    if (const SetLocal set = alsa_set_local()) set(reinterpret_cast<LocalHandler>(previous_));
+}
+#else
+QuietSoundLibraries::QuietSoundLibraries() = default;
+QuietSoundLibraries::~QuietSoundLibraries() = default;
+#endif
 
 }  // namespace ws::platform

@@ -91,6 +91,22 @@ private:
 #endif
 };
 
+// While alive, the sound libraries beneath the audio back end print nothing
+// from the calling thread. ALSA reports every failed probe on stderr (a
+// machine without a sound card gets a screenful per device open); the
+// library has no log, and a host's terminal is not ours to write on. Only
+// this thread's messages are dropped: a host's own handler stays in force.
+class QuietSoundLibraries {
+public:
+    QuietSoundLibraries();
+    ~QuietSoundLibraries();
+    QuietSoundLibraries(const QuietSoundLibraries&) = delete;
+    QuietSoundLibraries& operator=(const QuietSoundLibraries&) = delete;
+
+private:
+    void (*previous_)() = nullptr;
+};
+
 // Worker threads: std::thread sits on the C runtime's thread start on every
 // platform (_beginthreadex under mingw's and MSVC's runtimes).
 template <class Fn>

@@ -9,13 +9,10 @@ namespace ws::metronome {
 
 MetronomeEngine::MetronomeEngine() : stored_(initial_config()) {
     status_.update_count = 1;
-    const ma_context_config cfg = ma_context_config_init();
-    const ma_result r = ma_context_init(nullptr, 0, &cfg, &context_);
-    context_ready_ = r == MA_SUCCESS;
-    if (!context_ready_) {
+    if (!context_.ready()) {
         status_.device_state = mn_device_failed;
         status_.last_result = ws_backend_init_failed;
-        status_.backend_result = r;
+        status_.backend_result = context_.result();
         return;
     }
     worker_running_ = true;
@@ -32,7 +29,6 @@ MetronomeEngine::~MetronomeEngine() {
         std::lock_guard<std::mutex> guard(control_);
         close_device();
     }
-    if (context_ready_) ma_context_uninit(&context_);
 }
 
 int32_t MetronomeEngine::configure(const MetronomeConfig& config) {
@@ -100,7 +96,7 @@ int32_t MetronomeEngine::select_device(const char* id_text) {
 }
 
 int32_t MetronomeEngine::refresh_devices() {
-    return catalogue_.refresh(&context_, frame::map_device_result_metronome);
+    return catalogue_.refresh(context_.get(), frame::map_device_result_metronome);
 }
 
 int32_t MetronomeEngine::get_device(int32_t index, DeviceRecord* out) const {
@@ -137,19 +133,19 @@ int32_t MetronomeEngine::open_device() {
     close_device();
 
     ma_device_id id;
-    const bool found = frame::resolve_listed_device(catalogue_, &context_, frame::map_device_result_metronome,
+    const bool found = frame::resolve_listed_device(catalogue_, context_.get(), frame::map_device_result_metronome,
                                                     selected_id_.c_str(), id);
     ma_device_config cfg = ma_device_config_init(ma_device_type_playback);
     cfg.playback.format = ma_format_f32;
     cfg.playback.channels = 2;
     cfg.playback.pDeviceID = found ? &id : nullptr;
     cfg.sampleRate = 0;
-    cfg.periodSizeInMilliseconds = 6;
+    frame::apply_steady_buffer(cfg, context_.backend(), kPeriodMs, kPlaybackBufferMs);
     cfg.dataCallback = &MetronomeEngine::on_data;
     cfg.notificationCallback = &MetronomeEngine::on_notification;
     cfg.pUserData = this;
 
-    ma_result r = ma_device_init(&context_, &cfg, &device_);
+    ma_result r = context_.open(cfg, &device_);
     if (r == MA_SUCCESS) {
         device_open_ = true;
         // The click tables follow the device's rate; built before the

@@ -18,6 +18,7 @@
 #include <string>
 #include <thread>
 
+#include "frame/audio_context.hpp"
 #include "frame/device_catalogue.hpp"
 #include "metronome/core.hpp"
 #include "metronome/watchdog.hpp"
@@ -27,12 +28,19 @@ namespace ws::metronome {
 
 class MetronomeEngine {
 public:
+    // Clicks are rendered 6 ms at a time; the back end holds 100 ms of them,
+    // which a sound server keeps fed through the hiccups of a busy machine
+    // (with less, a starved stream plays silence and shifts the clicks:
+    // 60 ms still let a loaded 2-core machine move one click in six).
+    static constexpr uint32_t kPeriodMs = 6;
+    static constexpr uint32_t kPlaybackBufferMs = 100;
+
     MetronomeEngine();
     ~MetronomeEngine();
     MetronomeEngine(const MetronomeEngine&) = delete;
     MetronomeEngine& operator=(const MetronomeEngine&) = delete;
 
-    bool context_ready() const { return context_ready_; }
+    bool context_ready() const { return context_.ready(); }
 
     int32_t configure(const MetronomeConfig& config);
     int32_t start(const MetronomeConfig& config, const char* id_text);
@@ -68,8 +76,7 @@ private:
     };
 
     MetronomeCore core_;
-    ma_context context_{};
-    bool context_ready_ = false;
+    frame::AudioContext context_;
     ma_device device_{};
     bool device_open_ = false;
     std::string selected_id_;

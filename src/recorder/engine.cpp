@@ -18,12 +18,16 @@ static_assert(kAAudioUsage == 1 && kAAudioContent == 2 && kAAudioInput == 6);
 static_assert(ma_backend_wasapi == 0 && ma_backend_dsound == 1 && ma_backend_winmm == 2);
 
 ma_device_config duplex_config(const ma_device_id* capture_id, ma_device_data_proc callback,
-                               void* user_data) {
+                               void* user_data, ma_backend backend) {
     ma_device_config cfg = ma_device_config_init(ma_device_type_duplex);
     // The device's own rate: neither the server nor the audio library
     // converts anything; the recorder does, with its own resampler.
     cfg.sampleRate = 0;
-    cfg.periodSizeInMilliseconds = 10;
+    // 10 ms periods over 40 ms of buffer: a busy machine must not starve the
+    // backing track (the server would play silence and move the round trip),
+    // and the round trip stays short (on a sound server both directions
+    // buffer the whole 40 ms: about 150 ms in all).
+    frame::apply_steady_buffer(cfg, backend, 10, 40);
     cfg.playback.pDeviceID = nullptr;
     cfg.playback.format = ma_format_f32;
     cfg.playback.channels = 2;
@@ -40,25 +44,21 @@ ma_device_config duplex_config(const ma_device_id* capture_id, ma_device_data_pr
     return cfg;
 }
 
-RecorderEngine::RecorderEngine() {
-    const ma_context_config cfg = ma_context_config_init();
-    context_ok_ = ma_context_init(nullptr, 0, &cfg, &context_) == MA_SUCCESS;
-}
+RecorderEngine::RecorderEngine() = default;
 
 RecorderEngine::~RecorderEngine() {
     stop();
-    if (context_ok_) ma_context_uninit(&context_);
 }
 
 int32_t RecorderEngine::backend() const {
-    return context_ok_ ? static_cast<int32_t>(context_.backend) : -1;
+    return context_.ready() ? static_cast<int32_t>(context_.backend()) : -1;
 }
 
 int32_t RecorderEngine::find_input(const char* name, char* buf, int32_t size) {
     std::lock_guard<std::mutex> guard(lock_);
-    if (!context_ok_) return ws_backend_init_failed;  // before the argument checks, by contract
+    if (!context_.ready()) return ws_backend_init_failed;  // before the argument checks, by contract
     if (name == nullptr || buf == nullptr || size < 8) return ws_invalid_argument;
-    return frame::find_capture_by_name(&context_, name, buf, size);
+    return frame::find_capture_by_name(context_.get(), name, buf, size);
 }
 
 void RecorderEngine::close_device() {
@@ -95,7 +95,7 @@ bool unusable_take_path(const char* utf8_path) {
 int32_t RecorderEngine::start(const char* source_path, const char* take_path, const char* input_id,
                               int32_t start_ms) {
     std::lock_guard<std::mutex> guard(lock_);
-    if (!context_ok_) return ws_backend_init_failed;
+    if (!context_.ready()) return ws_backend_init_failed;
     if (take_path == nullptr) return ws_invalid_argument;
     close_device();
     finish_unstopped_take();
@@ -111,8 +111,9 @@ int32_t RecorderEngine::start(const char* source_path, const char* take_path, co
 
     // The device opens first: its rate decides the backing's conversion,
     // and a device that fails must leave an existing take untouched.
-    const ma_device_config cfg = duplex_config(by_id ? &id : nullptr, &RecorderEngine::on_data, this);
-    const ma_result r = ma_device_init(&context_, &cfg, &device_);
+    const ma_device_config cfg =
+        duplex_config(by_id ? &id : nullptr, &RecorderEngine::on_data, this, context_.backend());
+    const ma_result r = context_.open(cfg, &device_);
     if (r != MA_SUCCESS) return frame::map_device_result_recorder(r);
     device_open_ = true;
     core_.set_device_rate(device_.sampleRate);

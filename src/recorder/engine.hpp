@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <mutex>
 
+#include "frame/audio_context.hpp"
 #include "recorder/core.hpp"
 #include "woodshed/recorder.h"
 
@@ -31,9 +32,9 @@ inline constexpr ma_aaudio_content_type kAAudioContent = ma_aaudio_content_type_
 inline constexpr ma_aaudio_input_preset kAAudioInput = ma_aaudio_input_preset_voice_performance;
 
 // The configuration the recorder opens its device with; `capture_id` null
-// means the default input.
+// means the default input. Its buffer is sized for `backend` (the context's).
 ma_device_config duplex_config(const ma_device_id* capture_id, ma_device_data_proc callback,
-                               void* user_data);
+                               void* user_data, ma_backend backend);
 
 class RecorderEngine {
 public:
@@ -44,7 +45,7 @@ public:
     RecorderEngine(const RecorderEngine&) = delete;
     RecorderEngine& operator=(const RecorderEngine&) = delete;
 
-    bool context_ready() const { return context_ok_; }
+    bool context_ready() const { return context_.ready(); }
     int32_t backend() const;
 
     int32_t find_input(const char* name, char* buf, int32_t size);
@@ -62,8 +63,7 @@ private:
     void close_device();              // engine lock held
     void finish_unstopped_take();     // engine lock held
 
-    ma_context context_{};
-    bool context_ok_ = false;
+    frame::AudioContext context_;
     ma_device device_{};
     bool device_open_ = false;
     uint32_t device_rate_ = 0;

@@ -29,13 +29,10 @@ void StallWatch::rearm(uint64_t callbacks, clock::time_point now) {
 TunerEngine::TunerEngine(const TunerConfig* config, bool thread)
     : analyser_(config), scratch_(new float[kScratch]()) {
     status_.change_count = 1;
-    const ma_context_config cfg = ma_context_config_init();
-    const ma_result r = ma_context_init(nullptr, 0, &cfg, &context_);
-    context_ready_ = r == MA_SUCCESS;
-    if (!context_ready_) {
+    if (!context_.ready()) {
         status_.state = tn_engine_failed;
         status_.result = ws_backend_init_failed;
-        status_.backend_result = r;
+        status_.backend_result = context_.result();
         return;
     }
     running_ = true;
@@ -50,7 +47,6 @@ TunerEngine::~TunerEngine() {
         capturing_ = false;
         close_device();
     }
-    if (context_ready_) ma_context_uninit(&context_);
 }
 
 void TunerEngine::configure(const TunerConfig& config) {
@@ -84,7 +80,7 @@ void TunerEngine::copy_status(TunerStatus* out) {
 int32_t TunerEngine::copy_reading(TunerReading* out) const { return reading_.read(out) ? 1 : 0; }
 
 int32_t TunerEngine::refresh_devices() {
-    return catalogue_.refresh(&context_, frame::map_device_result);
+    return catalogue_.refresh(context_.get(), frame::map_device_result);
 }
 
 int32_t TunerEngine::get_device(int32_t index, DeviceRecord* out) const {
@@ -113,7 +109,7 @@ int32_t TunerEngine::open_device(const std::string& id_text) {
     close_device();
 
     ma_device_id id;
-    const bool found = frame::resolve_listed_device(catalogue_, &context_, frame::map_device_result,
+    const bool found = frame::resolve_listed_device(catalogue_, context_.get(), frame::map_device_result,
                                                     id_text.c_str(), id);
 
     ma_device_config cfg = ma_device_config_init(ma_device_type_capture);
@@ -121,12 +117,12 @@ int32_t TunerEngine::open_device(const std::string& id_text) {
     cfg.capture.format = ma_format_f32;
     cfg.capture.channels = 1;
     cfg.sampleRate = 0;
-    cfg.periodSizeInMilliseconds = 10;
+    frame::apply_steady_buffer(cfg, context_.backend(), kPeriodMs, kCaptureBufferMs);
     cfg.dataCallback = &TunerEngine::on_data;
     cfg.notificationCallback = &TunerEngine::on_notification;
     cfg.pUserData = this;
 
-    ma_result r = ma_device_init(&context_, &cfg, &device_);
+    ma_result r = context_.open(cfg, &device_);
     if (r == MA_SUCCESS) {
         device_open_ = true;
         {

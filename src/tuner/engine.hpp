@@ -18,6 +18,7 @@
 #include <string>
 #include <thread>
 
+#include "frame/audio_context.hpp"
 #include "frame/device_catalogue.hpp"
 #include "frame/sample_ring.hpp"
 #include "frame/seqlock.hpp"
@@ -51,6 +52,11 @@ public:
     static constexpr size_t kRingCapacity = 32768;
     static constexpr size_t kScratch = 8192;
     static constexpr auto kWorkerPeriod = std::chrono::milliseconds(3);
+    // Samples arrive 10 ms at a time (that is the capture delay); the back
+    // end may hold up to 80 ms more while the process is not scheduled,
+    // instead of dropping them.
+    static constexpr uint32_t kPeriodMs = 10;
+    static constexpr uint32_t kCaptureBufferMs = 80;
     // A capture stream that delivers nothing for this long while it should
     // be running is treated as lost: some back ends kill a stream without
     // telling anyone.
@@ -63,7 +69,7 @@ public:
     TunerEngine(const TunerEngine&) = delete;
     TunerEngine& operator=(const TunerEngine&) = delete;
 
-    bool context_ready() const { return context_ready_; }
+    bool context_ready() const { return context_.ready(); }
 
     void configure(const TunerConfig& config);
     int32_t start(const char* id_text);
@@ -89,8 +95,7 @@ private:
     void reopen(std::chrono::steady_clock::time_point now);
     void set_status(uint32_t state, int32_t result, int32_t backend);
 
-    ma_context context_{};
-    bool context_ready_ = false;
+    frame::AudioContext context_;
     ma_device device_{};
     bool device_open_ = false;
     std::string selected_id_;
