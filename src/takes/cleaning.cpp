@@ -346,6 +346,7 @@ std::vector<double> fit_on_rests(const std::vector<RestPiece>& pieces, const flo
     const FftTable table(n);
     std::vector<RestSegment> segs;
     std::vector<float> refs(n);
+    std::vector<cfloat> full(n);
     double frames = 0.0, ref_e = 0.0, res_e = 0.0, leak_e = 0.0;
     for (const RestPiece& p : pieces) {
         for (int64_t s = p.start; s < p.end; s += static_cast<int64_t>(hop)) {
@@ -369,20 +370,24 @@ std::vector<double> fit_on_rests(const std::vector<RestPiece>& pieces, const flo
                 t = next;
             }
             if (sg.runs.empty()) continue;
-            // spec[i] is the reference at take frame start - taps + i.
+            // The transform of the reference from take frame start - taps on.
             p.ref.read(s - static_cast<int64_t>(taps) - p.ref.base(), n, refs.data());
             for (const auto& r : sg.runs) {
                 for (uint32_t j = r.first; j < r.second; ++j) ref_e += static_cast<double>(refs[taps + j]) * refs[taps + j];
             }
-            sg.spec.resize(n);
-            fill_real(sg.spec.data(), refs.data(), n, n);
-            table.transform(sg.spec.data(), false);
+            fill_real(full.data(), refs.data(), n, n);
+            table.transform(full.data(), false);
+            // A real signal's spectrum: half of it says all.
+            sg.spec.assign(full.begin(), full.begin() + static_cast<int64_t>(n / 2 + 1));
             segs.push_back(std::move(sg));
         }
     }
     if (frames < 4.0 * static_cast<double>(taps) || !(leak_e > 0.0) || !(ref_e > 0.0)) return h;
     const double mu = (res_e / frames) * ref_e * sd_sum / leak_e;
 
+    const auto spec = [n](const RestSegment& sg, size_t f) {
+        return f < sg.spec.size() ? sg.spec[f] : std::conj(sg.spec[n - f]);
+    };
     // out = A^T W (A x), or A^T W b when x is null. Two segments share each
     // transform pair: predictions as the real and imaginary parts of one
     // inverse transform, residuals split again by conjugate symmetry.
@@ -400,7 +405,7 @@ std::vector<double> fit_on_rests(const std::vector<RestPiece>& pieces, const flo
             const RestSegment* s2 = i + 1 < segs.size() ? &segs[i + 1] : nullptr;
             if (x != nullptr) {
                 const cfloat j1(0.0f, 1.0f);
-                for (size_t f = 0; f < n; ++f) w[f] = (s1.spec[f] + (s2 ? j1 * s2->spec[f] : cfloat(0.0f, 0.0f))) * xf[f];
+                for (size_t f = 0; f < n; ++f) w[f] = (spec(s1, f) + (s2 ? j1 * spec(*s2, f) : cfloat(0.0f, 0.0f))) * xf[f];
                 table.transform(w.data(), true);
             }
             std::fill(z.begin(), z.end(), cfloat(0.0f, 0.0f));
@@ -420,8 +425,8 @@ std::vector<double> fit_on_rests(const std::vector<RestPiece>& pieces, const flo
             for (size_t f = 0; f < n; ++f) {
                 const cdouble zf(z[f]), zc = std::conj(cdouble(z[(n - f) % n]));
                 const cdouble e1 = 0.5 * (zf + zc);
-                cdouble v = std::conj(cdouble(s1.spec[f])) * e1;
-                if (s2) v += std::conj(cdouble(s2->spec[f])) * (cdouble(0.0, -0.5) * (zf - zc));
+                cdouble v = std::conj(cdouble(spec(s1, f))) * e1;
+                if (s2) v += std::conj(cdouble(spec(*s2, f))) * (cdouble(0.0, -0.5) * (zf - zc));
                 acc[f] += v;
             }
         }
@@ -449,7 +454,7 @@ std::vector<double> fit_on_rests(const std::vector<RestPiece>& pieces, const flo
         for (const RestSegment& sg : segs) {
             double used = 0.0;
             for (const auto& rr : sg.runs) used += rr.second - rr.first;
-            for (size_t f = 0; f < n; ++f) inv_spec[f] += used * std::norm(sg.spec[f]);
+            for (size_t f = 0; f < n; ++f) inv_spec[f] += used * std::norm(spec(sg, f));
         }
         for (size_t f = 0; f < n; ++f) mean += inv_spec[f];
         mean /= static_cast<double>(n);
