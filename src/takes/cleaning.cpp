@@ -289,11 +289,10 @@ double fit_rt60(const std::vector<double>& h, size_t peak, double rate) {
     return std::clamp(-60.0 / slope, 0.05, 1.5);
 }
 
-
 // ---- pass 3: the fit where the player rests -----------------------------------------
 
 constexpr size_t kRestBlock = 4096;     // take frames per rest decision
-constexpr double kSpecFloor = 1e-3;      // spectral floor of the preconditioner, of the mean
+constexpr double kSpecFloor = 1e-3;     // spectral floor of the preconditioner, of the mean
 constexpr double kRestRatio = 0.3;      // a rest: residual this far under the predicted leak
 constexpr int kRestIterations = 10;     // preconditioned steps from pass 2's filter
 
@@ -316,7 +315,7 @@ struct RestSegment {
 // normal matrix A^T W A is not Toeplitz (the rests are a few thousand frames
 // each), so it is applied as it stands, by convolution and correlation over
 // the rest frames only; conjugate gradients start from `h` and are
-// preconditioned by the diagonal. `h` comes back unchanged when the take
+// preconditioned by the rests' reference spectrum. `h` comes back unchanged when the take
 // has too few rests to support the filter.
 std::vector<double> fit_on_rests(const std::vector<RestPiece>& pieces, const float* b, size_t nb,
                                  const std::vector<double>& h, const std::vector<double>& sd,
