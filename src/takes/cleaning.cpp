@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <functional>
 #include <numeric>
 
 #include "takes/analysis.hpp"
@@ -18,10 +19,11 @@ constexpr size_t kBigFft = 262144;
 constexpr int64_t kSearch = kJumpSearch;
 constexpr size_t kCurve = 2 * static_cast<size_t>(kSearch) + 1;  // lags -2S .. 0
 constexpr size_t kCheckChunk = 16384;  // take frames per never-worse decision
+constexpr size_t kCheckReach = 2;      // chunks either side that the decision also weighs
 constexpr double kPriorDecayDb = 80.0; // the prior ends this far down
 constexpr double kDefaultRt60 = 0.3;
 constexpr size_t kHoldRun = 65536;     // take frames per held-out run
-constexpr int kIterations = 200;       // conjugate-gradient steps per solve
+constexpr int kIterations = 80;        // conjugate-gradient steps per solve (passes 1 and 2)
 
 size_t next_pow2(size_t n) {
     size_t p = 1;
@@ -285,6 +287,223 @@ double fit_rt60(const std::vector<double>& h, size_t peak, double rate) {
     const double slope = (n * sxy - sx * sy) / (n * sxx - sx * sx);  // dB per second
     if (!(slope < 0.0)) return kDefaultRt60;
     return std::clamp(-60.0 / slope, 0.05, 1.5);
+}
+
+// ---- pass 3: the fit where the player rests -----------------------------------------
+
+constexpr size_t kRestBlock = 4096;     // take frames per rest decision
+constexpr double kSpecFloor = 1e-3;     // spectral floor of the preconditioner, of the mean
+constexpr double kRestRatio = 0.3;      // a rest: residual this far under the predicted leak
+constexpr int kRestIterations = 10;     // preconditioned steps from pass 2's filter
+
+// One stretch's estimation range, read through its own alignment.
+struct RestPiece {
+    ReferenceReader ref;
+    int64_t start, end;
+};
+
+// One transform's worth of take (hop frames from `start`): the reference
+// under it and the runs of rest frames inside it.
+struct RestSegment {
+    int64_t start = 0;
+    std::vector<cfloat> spec;
+    std::vector<std::pair<uint32_t, uint32_t>> runs;
+};
+
+// The filter that fits the take only in its rests, under the same prior:
+// minimise sum_{t in S} (b - A h)^2 / sigma^2 + sum h^2 / (s0^2 d^2). Its
+// normal matrix A^T W A is not Toeplitz (the rests are a few thousand frames
+// each), so it is applied as it stands, by convolution and correlation over
+// the rest frames only; conjugate gradients start from `h` and are
+// preconditioned by the rests' reference spectrum. `h` comes back unchanged when the take
+// has too few rests to support the filter.
+std::vector<double> fit_on_rests(const std::vector<RestPiece>& pieces, const float* b, size_t nb,
+                                 const std::vector<double>& h, const std::vector<double>& sd,
+                                 double sd_sum, const std::function<bool(int64_t)>& usable,
+                                 const FftTable& big) {
+    const size_t taps = h.size();
+    // Rests: blocks whose residual through `h` lies well under its predicted leak.
+    const size_t blocks = nb / kRestBlock + 1;
+    std::vector<double> be(blocks, 0.0), by(blocks, 0.0);
+    for (const RestPiece& p : pieces) {
+        predict(p.ref, h, p.start, p.end, big, [&](int64_t t, const float* y, size_t m) {
+            for (size_t k = 0; k < m; ++k) {
+                const size_t f = static_cast<size_t>(t) + k;
+                const double e = static_cast<double>(b[f]) - y[k];
+                be[f / kRestBlock] += e * e;
+                by[f / kRestBlock] += static_cast<double>(y[k]) * y[k];
+            }
+        });
+    }
+    std::vector<char> rest(blocks, 0);
+    for (size_t i = 0; i < blocks; ++i) {
+        rest[i] = by[i] > 0.0 && be[i] < kRestRatio * by[i] && usable(static_cast<int64_t>(i * kRestBlock));
+    }
+
+    const size_t n = std::max<size_t>(65536, next_pow2(2 * taps));
+    const size_t hop = n - taps;
+    const FftTable table(n);
+    std::vector<RestSegment> segs;
+    std::vector<float> refs(n);
+    std::vector<cfloat> full(n);
+    double frames = 0.0, ref_e = 0.0, res_e = 0.0, leak_e = 0.0;
+    for (const RestPiece& p : pieces) {
+        for (int64_t s = p.start; s < p.end; s += static_cast<int64_t>(hop)) {
+            const int64_t e = std::min<int64_t>(s + static_cast<int64_t>(hop), p.end);
+            RestSegment sg;
+            sg.start = s;
+            for (int64_t t = s; t < e;) {
+                const size_t blk = static_cast<size_t>(t) / kRestBlock;
+                const int64_t next = std::min<int64_t>(static_cast<int64_t>((blk + 1) * kRestBlock), e);
+                if (rest[blk]) {
+                    const auto a0 = static_cast<uint32_t>(t - s), a1 = static_cast<uint32_t>(next - s);
+                    if (!sg.runs.empty() && sg.runs.back().second == a0) {
+                        sg.runs.back().second = a1;
+                    } else {
+                        sg.runs.emplace_back(a0, a1);
+                    }
+                    frames += static_cast<double>(next - t);
+                    res_e += be[blk] * static_cast<double>(next - t) / kRestBlock;
+                    leak_e += by[blk] * static_cast<double>(next - t) / kRestBlock;
+                }
+                t = next;
+            }
+            if (sg.runs.empty()) continue;
+            // The transform of the reference from take frame start - taps on.
+            p.ref.read(s - static_cast<int64_t>(taps) - p.ref.base(), n, refs.data());
+            for (const auto& r : sg.runs) {
+                for (uint32_t j = r.first; j < r.second; ++j) ref_e += static_cast<double>(refs[taps + j]) * refs[taps + j];
+            }
+            fill_real(full.data(), refs.data(), n, n);
+            table.transform(full.data(), false);
+            // A real signal's spectrum: half of it says all.
+            sg.spec.assign(full.begin(), full.begin() + static_cast<int64_t>(n / 2 + 1));
+            segs.push_back(std::move(sg));
+        }
+    }
+    if (frames < 4.0 * static_cast<double>(taps) || !(leak_e > 0.0) || !(ref_e > 0.0)) return h;
+    const double mu = (res_e / frames) * ref_e * sd_sum / leak_e;
+
+    const auto spec = [n](const RestSegment& sg, size_t f) {
+        return f < sg.spec.size() ? sg.spec[f] : std::conj(sg.spec[n - f]);
+    };
+    // out = A^T W (A x), or A^T W b when x is null. Two segments share each
+    // transform pair: predictions as the real and imaginary parts of one
+    // inverse transform, residuals split again by conjugate symmetry.
+    std::vector<cfloat> xf(n), w(n), z(n);
+    std::vector<cdouble> acc(n);
+    auto apply = [&](const std::vector<double>* x, std::vector<double>& out) {
+        if (x != nullptr) {
+            for (size_t k = 0; k < taps; ++k) xf[k] = {static_cast<float>((*x)[k]), 0.0f};
+            std::fill(xf.begin() + static_cast<int64_t>(taps), xf.end(), cfloat(0.0f, 0.0f));
+            table.transform(xf.data(), false);
+        }
+        std::fill(acc.begin(), acc.end(), cdouble(0.0, 0.0));
+        for (size_t i = 0; i < segs.size(); i += 2) {
+            const RestSegment& s1 = segs[i];
+            const RestSegment* s2 = i + 1 < segs.size() ? &segs[i + 1] : nullptr;
+            if (x != nullptr) {
+                const cfloat j1(0.0f, 1.0f);
+                for (size_t f = 0; f < n; ++f) w[f] = (spec(s1, f) + (s2 ? j1 * spec(*s2, f) : cfloat(0.0f, 0.0f))) * xf[f];
+                table.transform(w.data(), true);
+            }
+            std::fill(z.begin(), z.end(), cfloat(0.0f, 0.0f));
+            for (const auto& r : s1.runs) {
+                for (uint32_t j = r.first; j < r.second; ++j) {
+                    z[taps + j].real(x ? w[taps + j].real() : b[s1.start + j]);
+                }
+            }
+            if (s2) {
+                for (const auto& r : s2->runs) {
+                    for (uint32_t j = r.first; j < r.second; ++j) {
+                        z[taps + j].imag(x ? w[taps + j].imag() : b[s2->start + j]);
+                    }
+                }
+            }
+            table.transform(z.data(), false);
+            for (size_t f = 0; f < n; ++f) {
+                const cdouble zf(z[f]), zc = std::conj(cdouble(z[(n - f) % n]));
+                const cdouble e1 = 0.5 * (zf + zc);
+                cdouble v = std::conj(cdouble(spec(s1, f))) * e1;
+                if (s2) v += std::conj(cdouble(spec(*s2, f))) * (cdouble(0.0, -0.5) * (zf - zc));
+                acc[f] += v;
+            }
+        }
+        table.transform(acc.data(), true);
+        for (size_t k = 0; k < taps; ++k) out[k] = acc[k].real();
+    };
+
+    // In g = h / d: (D A^T W A D + mu I) g = D A^T W b. With E the
+    // diagonal (d^2 r0 + mu) and phi = d^2 r0 / (d^2 r0 + mu), the scaled
+    // matrix E^-1/2 K E^-1/2 is about phi^1/2 (R / r0) phi^1/2 where the
+    // data rule and about I where the prior does; R is about the circulant
+    // of the rests' reference spectrum. So the preconditioner is
+    //   M^-1 = E^-1/2 (phi^1/2 C^-1 phi^1/2 + I - phi) E^-1/2,
+    // C^-1 applied by one transform pair on the zero-padded vector.
+    std::vector<double> g(taps), r(taps), q(taps), zz(taps), p(taps), v(taps), escale(taps), phi(taps);
+    for (size_t k = 0; k < taps; ++k) {
+        g[k] = h[k] / sd[k];
+        const double a = sd[k] * sd[k] * ref_e;
+        escale[k] = 1.0 / std::sqrt(a + mu);
+        phi[k] = a / (a + mu);
+    }
+    std::vector<double> inv_spec(n, 0.0);
+    {
+        double mean = 0.0;
+        for (const RestSegment& sg : segs) {
+            double used = 0.0;
+            for (const auto& rr : sg.runs) used += rr.second - rr.first;
+            for (size_t f = 0; f < n; ++f) inv_spec[f] += used * std::norm(spec(sg, f));
+        }
+        for (size_t f = 0; f < n; ++f) mean += inv_spec[f];
+        mean /= static_cast<double>(n);
+        for (size_t f = 0; f < n; ++f) inv_spec[f] = 1.0 / (inv_spec[f] / std::max(mean, 1e-300) + kSpecFloor);
+    }
+    std::vector<cfloat> pw(n);
+    auto precondition = [&](const std::vector<double>& in, std::vector<double>& out) {
+        for (size_t k = 0; k < taps; ++k) pw[k] = {static_cast<float>(in[k] * escale[k] * std::sqrt(phi[k])), 0.0f};
+        std::fill(pw.begin() + static_cast<int64_t>(taps), pw.end(), cfloat(0.0f, 0.0f));
+        table.transform(pw.data(), false);
+        for (size_t f = 0; f < n; ++f) pw[f] *= static_cast<float>(inv_spec[f]);
+        table.transform(pw.data(), true);
+        for (size_t k = 0; k < taps; ++k) {
+            const double u = in[k] * escale[k];
+            out[k] = escale[k] * (std::sqrt(phi[k]) * pw[k].real() + (1.0 - phi[k]) * u);
+        }
+    };
+    auto op = [&](const std::vector<double>& in, std::vector<double>& out) {
+        for (size_t k = 0; k < taps; ++k) v[k] = sd[k] * in[k];
+        apply(&v, out);
+        for (size_t k = 0; k < taps; ++k) out[k] = sd[k] * out[k] + mu * in[k];
+    };
+    auto dot = [](const std::vector<double>& x, const std::vector<double>& y) {
+        return std::inner_product(x.begin(), x.end(), y.begin(), 0.0);
+    };
+    apply(nullptr, r);
+    op(g, q);
+    for (size_t k = 0; k < taps; ++k) {
+        r[k] = sd[k] * r[k] - q[k];
+    }
+    precondition(r, zz);
+    p = zz;
+    double rz = dot(r, zz);
+    for (int it = 0; it < kRestIterations && rz > 0.0; ++it) {
+        op(p, q);
+        const double pq = dot(p, q);
+        if (!(pq > 0.0)) break;
+        const double alpha = rz / pq;
+        for (size_t k = 0; k < taps; ++k) {
+            g[k] += alpha * p[k];
+            r[k] -= alpha * q[k];
+        }
+        precondition(r, zz);
+        const double rz_new = dot(r, zz);
+        const double beta = rz_new / rz;
+        for (size_t k = 0; k < taps; ++k) p[k] = zz[k] + beta * p[k];
+        rz = rz_new;
+    }
+    for (size_t k = 0; k < taps; ++k) g[k] *= sd[k];
+    return g;
 }
 
 }  // namespace
@@ -582,7 +801,7 @@ bool clean_take(const float* a, size_t na, std::vector<float>& b, int64_t lag, d
     const Accumulator acc = estimate(taps, partial);
     const double est_frames = acc.take_frames;
     const double mu = (pe_total / static_cast<double>(nb)) * ref_energy * sd_sum / py_total;
-    const std::vector<double> h = solve_leak_filter(acc.autoc, acc.cross, sd, mu, kIterations);
+    std::vector<double> h = solve_leak_filter(acc.autoc, acc.cross, sd, mu, kIterations);
 
     // Jumps placed to the frame: the split between two alignments that
     // leaves the least energy.
@@ -616,14 +835,31 @@ bool clean_take(const float* a, size_t na, std::vector<float>& b, int64_t lag, d
         al.stretches[j].start = split;
     }
 
+    // Pass 3: the same prior, fitted where the player rests (and not in
+    // the held-out runs, which stay for the check below).
+    {
+        std::vector<RestPiece> pieces;
+        for (size_t j = 0; j < al.stretches.size(); ++j) {
+            const int64_t s0 = std::max(ranges[j].first, al.stretches[j].start);
+            const int64_t s1 = std::min(ranges[j].second, al.stretches[j].end);
+            if (s1 > s0) pieces.push_back(RestPiece{reader(al.stretches[j]), s0, s1});
+        }
+        h = fit_on_rests(pieces, b.data(), nb, h, sd, sd_sum,
+                         [&](int64_t t) { return !(partial && held_out(t)); }, big);
+    }
+
     double before = 0.0, after = 0.0;
-    // Never worse. A chunk is changed only where subtraction lowers its
-    // energy by more than a fit of that many taps to that much take could
-    // by chance; and the whole take only when the filter also lowers the
-    // energy where it was not fitted (the passages left out of the last
-    // estimate), which a fit to the player alone does not.
+    // Never worse. A chunk is changed only where subtraction lowers the
+    // energy of it and its neighbours (kCheckReach chunks either side) by
+    // more than a fit of that many taps to that much take could by chance;
+    // and the whole take only when the filter also lowers the energy where
+    // it was not fitted (the passages left out of the estimate), which a fit
+    // to the player alone does not. Over one chunk a loud player's chance
+    // correlation with the leak can outweigh the leak itself: removing the
+    // leak exactly would then raise the chunk's energy.
     const double margin = static_cast<double>(taps) / std::max(est_frames, 1.0);
     double outside = 0.0;
+    std::vector<double> e0s, e1s;
     std::vector<char> keep;
     for (int apply = 0; apply < 2; ++apply) {
         size_t chunk = 0;
@@ -646,18 +882,31 @@ bool clean_take(const float* a, size_t na, std::vector<float>& b, int64_t lag, d
                         e1 += w * w;
                     }
                     if (partial && held_out(t + static_cast<int64_t>(c))) outside += e0 - e1;
-                    const bool ok = e1 < e0 * (1.0 - margin);
-                    keep.push_back(ok ? 1 : 0);
-                    if (ok) {
-                        before += e0;
-                        after += e1;
-                    }
+                    e0s.push_back(e0);
+                    e1s.push_back(e1);
                 }
             });
         }
-        if (apply == 0 && ((partial && !(outside > 0.0)) || before == 0.0)) {
-            before = after = 0.0;
-            break;
+        if (apply == 0) {
+            keep.assign(e0s.size(), 0);
+            for (size_t c = 0; c < e0s.size(); ++c) {
+                const size_t lo = c >= kCheckReach ? c - kCheckReach : 0;
+                const size_t hi = std::min(e0s.size(), c + kCheckReach + 1);
+                double w0 = 0.0, w1 = 0.0;
+                for (size_t i = lo; i < hi; ++i) {
+                    w0 += e0s[i];
+                    w1 += e1s[i];
+                }
+                keep[c] = w1 < w0 * (1.0 - margin);
+                if (keep[c]) {
+                    before += e0s[c];
+                    after += e1s[c];
+                }
+            }
+            if ((partial && !(outside > 0.0)) || !(before > 0.0)) {
+                before = after = 0.0;
+                break;
+            }
         }
     }
     report.stretches = al.stretches;

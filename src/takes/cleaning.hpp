@@ -5,9 +5,10 @@
 // from them); the filter is estimated from accumulated correlations in two
 // passes (a plain fit that shows how fast the room decays, then a fit under
 // a prior that the room's energy decays exponentially), solved by conjugate
-// gradients with a circulant operator; the filtered reference is subtracted
-// stretch by stretch, and only where it lowers the energy by more than
-// chance would. NOTES.md has the maths.
+// gradients with a circulant operator, then refitted under the same prior on
+// the player's rests alone; the filtered reference is subtracted stretch by
+// stretch, and only where it lowers the energy by more than chance would.
+// NOTES.md has the maths.
 //
 // Plain functions on caller-owned arrays; every buffer is local to the call.
 // They may throw std::bad_alloc (the exports catch it).
