@@ -14,7 +14,7 @@ from .metronome import Metronome, render_metronome
 from .recorder import SAMPLE_RATE as RECORDER_SAMPLE_RATE
 from .recorder import Backend, Recorder, output_latency_ms
 from .takes import analyze_take, clean_take
-from .tuner import Tuner, capabilities, tune_offline
+from .tuner import Tuner, capabilities, track_offline, tune_offline
 
 __all__ = [
     "ABI_VERSION", "ERRORS", "AccessDenied", "AlreadyCreated", "BackendInitFailed", "Device", "DeviceBusy",
@@ -23,5 +23,5 @@ __all__ = [
     "MetronomeSnapshot", "MetronomeStatus", "RampMode", "ReadingState", "RecorderState", "TakeAnalysis",
     "TakeCleaning", "TunerConfig", "TunerReading", "TunerStatus", "Metronome", "render_metronome",
     "RECORDER_SAMPLE_RATE", "Backend", "Recorder", "output_latency_ms", "analyze_take", "clean_take", "Tuner",
-    "capabilities", "tune_offline",
+    "capabilities", "track_offline", "tune_offline",
 ]

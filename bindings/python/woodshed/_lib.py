@@ -66,6 +66,8 @@ _PROTOTYPES = {
     "tn_engine_refresh_devices": (c_int32, []),
     "tn_offline_process": (c_int32, [_P(TunerConfig), _P(c_float), c_int32, c_int32, c_double,
                                      _P(TunerReading)]),
+    "tn_offline_track": (c_int32, [_P(TunerConfig), _P(c_float), c_int32, c_int32, c_double,
+                                   _P(TunerReading), _P(c_int32)]),
     "mn_abi_version": (c_int32, []),
     "mn_create": (c_int32, []),
     "mn_destroy": (c_int32, []),
