@@ -44,14 +44,29 @@ size_t analyse_offline(const TunerConfig* config, const float* samples, size_t f
     return static_cast<size_t>(r.frame_count);
 }
 
-size_t offline_reading_count(const TunerConfig* config, size_t frames, double sample_rate) {
+namespace {
+struct Framing {
+    uint32_t decimation;
+    uint64_t window;  // decimated samples
+};
+Framing framing(const TunerConfig* config, double sample_rate) {
     const TunerConfig cfg = sanitise(config);
     const double rate = usable_rate(sample_rate);
     const uint32_t d = decimation_factor(rate);
-    const uint64_t window = window_length(rate / d, cfg.lowest_hz);
-    const uint64_t hop = window / 2;
-    const uint64_t decimated = frames / d;
-    return decimated < window ? 0 : static_cast<size_t>((decimated - window) / hop + 1);
+    return {d, window_length(rate / d, cfg.lowest_hz)};
+}
+}  // namespace
+
+size_t offline_reading_count(const TunerConfig* config, size_t frames, double sample_rate) {
+    const Framing f = framing(config, sample_rate);
+    const uint64_t hop = f.window / 2;
+    const uint64_t decimated = frames / f.decimation;
+    return decimated < f.window ? 0 : static_cast<size_t>((decimated - f.window) / hop + 1);
+}
+
+OfflineFrames offline_frames(const TunerConfig* config, double sample_rate) {
+    const Framing f = framing(config, sample_rate);
+    return {f.window * f.decimation, f.window / 2 * f.decimation};
 }
 
 }  // namespace ws::tuner

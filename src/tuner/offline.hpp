@@ -23,4 +23,13 @@ size_t analyse_offline(const TunerConfig* config, const float* samples, size_t f
 // analysing: one per hop once a window is full.
 size_t offline_reading_count(const TunerConfig* config, size_t frames, double sample_rate);
 
+// Where a track's readings lie in the input: reading k's window covers input
+// frames [k * hop, k * hop + window) (both in input frames, decimation
+// included).
+struct OfflineFrames {
+    uint64_t window = 0;
+    uint64_t hop = 0;
+};
+OfflineFrames offline_frames(const TunerConfig* config, double sample_rate);
+
 }  // namespace ws::tuner
