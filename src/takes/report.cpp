@@ -221,6 +221,38 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         k = last + 1;
     }
 
+    // What is left of a backing's leak after cleaning is pitched too, but
+    // far below the player: a run whose loudest reading stays 20 dB under
+    // the take's loud pitched readings (their 90th percentile) is not a note.
+    {
+        std::vector<double> levels;
+        for (const TunerReading& r : track) {
+            if (pitch_of(r).note >= 0) levels.push_back(r.level_db);
+        }
+        const double floor_db = percentile(levels, 0.9) - 20.0;
+        std::erase_if(runs, [&](const Run& run) {
+            double loudest = -200.0;
+            for (size_t k = run.first; k <= run.last; ++k) loudest = std::max(loudest, track[k].level_db);
+            return loudest < floor_db;
+        });
+    }
+
+    // What is left of a backing's leak after cleaning is pitched too, but
+    // far below the player: a run whose loudest reading stays 20 dB under
+    // the take's loud pitched readings (their 90th percentile) is not a note.
+    {
+        std::vector<double> levels;
+        for (const TunerReading& r : track) {
+            if (pitch_of(r).note >= 0) levels.push_back(r.level_db);
+        }
+        const double floor_db = percentile(levels, 0.9) - 20.0;
+        std::erase_if(runs, [&](const Run& run) {
+            double loudest = -200.0;
+            for (size_t k = run.first; k <= run.last; ++k) loudest = std::max(loudest, track[k].level_db);
+            return loudest < floor_db;
+        });
+    }
+
     const FluxFrames ff = flux_frames(rate);
     const auto flux = spectral_flux(x, n, ff);
     const auto peaks = flux_peaks(flux, rate, ff);
