@@ -121,8 +121,8 @@ void write_svg(const std::string& file, const Take& take, const std::vector<Take
     if (notes.empty()) lo = 57, hi = 69;
     lo -= 1;
     hi += 1;
-    const double px_s = std::clamp(1600.0 / seconds, 60.0, 240.0);
-    const double left = 56, top = 40, lane = 22;
+    const double px_s = std::clamp(1600.0 / seconds, 80.0, 300.0);
+    const double left = 56, strip = 90, top = 40 + strip, lane = 26;
     const double width = left + seconds * px_s + 20;
     const double height = top + (hi - lo + 1) * lane + 40;
     const auto x_of = [&](double frame) { return left + frame / rate * px_s; };
@@ -156,12 +156,28 @@ void write_svg(const std::string& file, const Take& take, const std::vector<Take
         const bool on_beat = k % grid.subdivision == 0;
         const bool bar = on_beat && beat % grid.beats_per_bar == 0;
         add("<line x1=\"%.1f\" y1=\"%.0f\" x2=\"%.1f\" y2=\"%.1f\" stroke=\"%s\" stroke-width=\"%s\"%s/>\n",
-            x, top - 8, x, height - 30, bar ? "#7a8290" : "#c4c9d2", bar ? "1.5" : "1",
+            x, 40.0, x, height - 30, bar ? "#7a8290" : "#c4c9d2", bar ? "1.5" : "1",
             on_beat ? "" : " stroke-dasharray=\"2,3\"");
-        if (bar) add("<text x=\"%.1f\" y=\"%.0f\" fill=\"#555\">%lld</text>\n", x + 3, top - 12, beat / grid.beats_per_bar + 1);
+        if (bar) add("<text x=\"%.1f\" y=\"%.0f\" fill=\"#555\">%lld</text>\n", x + 3, 34.0, beat / grid.beats_per_bar + 1);
     }
-    // Notes: a bar on the lane, shaded by its cents, its cents written on it;
-    // the timing: a thick bar from the grid position to the onset above it.
+    // Timing strip above the lanes: at each note's grid position a bar up
+    // (late) or down (early), 60 ms to the strip's half height, its ms
+    // written beside it.
+    const double mid = 40 + strip / 2 - 4;
+    add("<line x1=\"%.0f\" y1=\"%.1f\" x2=\"%.0f\" y2=\"%.1f\" stroke=\"#999\"/>\n", left, mid,
+        width - 20, mid);
+    add("<text x=\"6\" y=\"%.1f\" fill=\"#555\">late</text><text x=\"6\" y=\"%.1f\" "
+        "fill=\"#555\">early</text>\n", mid - 14, mid + 22);
+    for (const auto& n : notes) {
+        const double xg = x_of(static_cast<double>(n.grid_frame));
+        const double h = std::clamp(n.deviation_ms / 50.0, -1.0, 1.0) * (strip / 2 - 8);
+        add("<rect x=\"%.1f\" y=\"%.1f\" width=\"8\" height=\"%.1f\" fill=\"%s\"/>\n", xg - 4,
+            h > 0 ? mid - h : mid, std::max(1.0, std::fabs(h)), shade(n.deviation_ms, 20, 40));
+        add("<text x=\"%.1f\" y=\"%.1f\" fill=\"#333\" font-size=\"9\">%+.0f</text>\n", xg + 5,
+            h > 0 ? mid - 3 : mid + 10, std::fabs(n.deviation_ms) < 0.5 ? 0.0 : n.deviation_ms);
+    }
+    // Notes: a bar on the lane from onset to end, shaded by its cents, the
+    // cents written on it, and a tick down from the strip at the onset.
     for (const auto& n : notes) {
         const double x0 = x_of(static_cast<double>(n.onset_frame));
         const double x1 = x_of(static_cast<double>(n.onset_frame + n.duration_frames));
@@ -169,13 +185,12 @@ void write_svg(const std::string& file, const Take& take, const std::vector<Take
         add("<rect x=\"%.1f\" y=\"%.1f\" width=\"%.1f\" height=\"%.1f\" rx=\"3\" fill=\"%s\" "
             "fill-opacity=\"0.35\"/>\n", x0, y - lane / 2 + 2, std::max(2.0, x1 - x0), lane - 4,
             shade(n.cents, 10, 25));
-        add("<text x=\"%.1f\" y=\"%.1f\" fill=\"#333\" font-size=\"9\">%+.0f</text>\n", x0 + 3,
-            y + lane / 2 - 4, n.cents);
-        const double xg = x_of(static_cast<double>(n.grid_frame));
-        add("<line x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\" stroke=\"%s\" stroke-width=\"4\"/>\n",
-            xg, y - lane / 2 - 1, x0, y - lane / 2 - 1, shade(n.deviation_ms, 20, 40));
+        add("<line x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\" stroke=\"#fff\"/>\n", x0, y,
+            std::max(x0 + 2.0, x1), y);
+        add("<text x=\"%.1f\" y=\"%.1f\" fill=\"#222\" font-size=\"10\">%+.0f c</text>\n", x0 + 3,
+            y - lane / 2 + 12, std::fabs(n.cents) < 0.5 ? 0.0 : n.cents);
         add("<line x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\" stroke=\"#222\" stroke-width=\"1.5\"/>\n",
-            x0, y - lane / 2 - 4, x0, y + lane / 2);
+            x0, y - lane / 2, x0, y + lane / 2);
     }
     // The pitch curve: every pitched reading at its window's middle.
     std::string path;
@@ -185,18 +200,22 @@ void write_svg(const std::string& file, const Take& take, const std::vector<Take
             last_x = -1e9;
             continue;
         }
-        const double note = r.note + 12.0 * std::log2(r.frequency_hz / r.target_hz);
-        if (note < lo - 0.5 || note > hi + 0.5) continue;
+        // On its nearest note's lane, magnified: the lane's edges are +-50 cents.
+        const double semis = r.note + 12.0 * std::log2(r.frequency_hz / r.target_hz);
+        const double nearest = std::round(semis);
+        if (nearest < lo || nearest > hi) continue;
+        const double y = y_of(nearest) - (semis - nearest) * lane;
         const double t_end = static_cast<double>(r.time_us) * 1e-6;
         const double x = left + t_end * px_s;
-        std::snprintf(buf, sizeof buf, "%s%.1f,%.1f ", x - last_x > 40 ? "M" : "L", x, y_of(note));
+        std::snprintf(buf, sizeof buf, "%s%.1f,%.1f ", x - last_x > 40 ? "M" : "L", x, y);
         path += buf;
         last_x = x;
     }
     s += "<path d=\"" + path + "\" fill=\"none\" stroke=\"#1f4fbf\" stroke-width=\"1.6\"/>\n";
-    add("<text x=\"%.0f\" y=\"%.0f\" fill=\"#444\">pitch (blue) on note lanes; notes shaded by cents: "
-        "green within 10, amber within 25, red beyond; bar above each note: from the beat to the "
-        "onset, green within 20 ms</text>\n", left, height - 12);
+    add("<text x=\"%.0f\" y=\"%.0f\" fill=\"#444\">blue: the pitch, each lane spanning its note "
+        "+-50 cents (white line: in tune); notes shaded by cents: green within 10, amber within "
+        "25, red beyond. Top: each note's onset against its beat, green within 20 ms.</text>\n",
+        left, height - 12);
     s += "</svg>\n";
     FILE* f = open_file(file, "wb");
     if (f == nullptr) throw Failure("cannot write '" + file + "'");
