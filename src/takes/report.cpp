@@ -87,7 +87,8 @@ Energy energy(const float* x, size_t n, int64_t from, int64_t to) {
 // after it, walk back to where it last stood within 0.2 % of the rise:
 // that is where the note entered the energy window, half a window before its
 // centre. A rise of under 6 dB (one note sliding into the next) leaves the
-// flux frame's own estimate: the middle of its last quarter.
+// flux frame's own estimate: the new note has reached the middle of its
+// window, where the window weighs most.
 int64_t place_onset(const float* x, size_t n, uint32_t rate, const FluxFrames& ff, size_t k) {
     const int64_t end = static_cast<int64_t>(k * ff.hop);
     const int64_t from = end - static_cast<int64_t>(ff.length + ff.hop);
@@ -95,7 +96,7 @@ int64_t place_onset(const float* x, size_t n, uint32_t rate, const FluxFrames& f
     const int64_t w = std::max<int64_t>(8, rate / 250);
     const int64_t after = rate / 50;
     const int64_t last = static_cast<int64_t>(n);
-    const int64_t fallback = std::clamp<int64_t>(end - static_cast<int64_t>(ff.hop / 2), 0, last);
+    const int64_t fallback = std::clamp<int64_t>(end - static_cast<int64_t>(ff.length / 2), 0, last);
     const Energy e = energy(x, n, from - w, to + after + w);
     const int64_t lo = std::max<int64_t>(from, 0), hi = std::min<int64_t>(to, last);
     if (hi <= lo) return fallback;
@@ -301,10 +302,14 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         for (const FluxPeak& p : peaks) {
             if (p.frame <= best || p.value < 0.25 * flux[best]) continue;
             if (static_cast<int64_t>(p.frame * ff.hop) > run_end) break;
-            // Two windows of the run after it must still read the note, or
-            // the peak is the next note's arrival.
+            // Three windows of the run wholly after it must still read the
+            // note, or the peak is the next note's arrival, read as this one
+            // for up to two frames while the octave guard's median catches up.
             const int64_t at = place_onset(x, n, rate, ff, p.frame);
-            if (at < previous_onset + 2 * min_gap || at > static_cast<int64_t>(run.last) * hop - hop) continue;
+            if (at < previous_onset + 2 * min_gap ||
+                at > (static_cast<int64_t>(run.last) - 2) * hop) {
+                continue;
+            }
             found.push_back({at, r});
             previous_onset = at;
         }
