@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "takes/report.hpp"
@@ -141,7 +142,12 @@ int main(int argc, char** argv) {
         found_notes += notes.size();
         for (const auto& n : notes) {
             for (const auto& r : take.rests) {
-                if (n.onset_frame > r.first + int64_t(0.02 * kRate) && n.onset_frame < r.second - int64_t(0.02 * kRate)) ++phantoms;
+                if (n.onset_frame > r.first + int64_t(0.02 * kRate) && n.onset_frame < r.second - int64_t(0.02 * kRate)) {
+                    ++phantoms;
+                    if (std::getenv("MISS") != nullptr) {
+                        std::printf("phantom melody %d at %.3f s: note %d\n", m, double(n.onset_frame) / kRate, n.note);
+                    }
+                }
             }
         }
         for (const Truth& t : take.notes) {
@@ -152,7 +158,14 @@ int main(int argc, char** argv) {
                     best = &n;
                 }
             }
-            if (best == nullptr || best->note != t.note) continue;
+            if (best == nullptr || best->note != t.note) {
+                if (std::getenv("MISS") != nullptr) {
+                    std::printf("missed melody %d at %.3f s: note %d, %.0f ms, %.1f cents; reported %s\n", m,
+                                double(t.onset) / kRate, t.note, double(t.length) * 1000 / kRate, t.cents,
+                                best ? std::to_string(best->note).c_str() : "nothing near");
+                }
+                continue;
+            }
             ++matched;
             const double err_ms = double(best->onset_frame - t.onset) * 1000.0 / kRate;
             onset_err.push_back(err_ms);
