@@ -3,7 +3,9 @@
 // (tn_offline_track) on note lanes with the beat grid and each onset's
 // timing.
 #include <algorithm>
+#include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -70,7 +72,7 @@ void print_table(const std::vector<TakeReportNote>& notes, const TakeReportSumma
         } else {
             std::snprintf(pos, sizeof pos, "%d.%d", n.bar, n.beat);
         }
-        std::printf("%3zu  %-8s %8.3f  %+9.1f  %-5s %+6.1f  %6.1f  %8.3f\n", i + 1, pos,
+        std::printf("%3d  %-8s %8.3f  %+9.1f  %-5s %+6.1f  %6.1f  %8.3f\n", static_cast<int>(i + 1), pos,
                     static_cast<double>(n.onset_frame) / rate, n.deviation_ms, n.name, n.cents,
                     n.cents_spread, static_cast<double>(n.duration_frames) / rate);
     }

@@ -3,6 +3,7 @@
 // nothing thrown across the C boundary (running out of memory becomes -14).
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cmath>
 #include <cstdio>
 #include <cstring>

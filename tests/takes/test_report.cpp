@@ -31,7 +31,7 @@ std::vector<float> melody(const std::vector<Written>& notes, double hold, double
             const double t = double(i) / kRate;
             const double env = std::min({1.0, t / 0.004, (hold + 0.025 - t) / 0.025});
             double v = 0;
-            for (int h = 1; h <= 5; ++h) v += std::sin(2 * M_PI * hz * h * t) / h;
+            for (int h = 1; h <= 5; ++h) v += std::sin(2 * 3.141592653589793 * hz * h * t) / h;
             x[at + i] += float(0.3 * env * v);
         }
     }
