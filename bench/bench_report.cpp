@@ -135,7 +135,7 @@ int main(int argc, char** argv) {
         const auto notes = ws::takes::report_notes(take.audio.data(), take.audio.size(), uint32_t(kRate),
                                                    nullptr, take.grid);
         truth_notes += take.notes.size();
-        if (std::getenv("DUMP") != nullptr && m == 0) {
+        if (std::getenv("DUMP") != nullptr && m == std::atoi(std::getenv("DUMP"))) {
             for (const Truth& t : take.notes) std::printf("truth %lld %lld %d %.1f\n", (long long)t.onset, (long long)t.length, t.note, t.cents);
             for (const auto& n : notes) std::printf("found %lld %lld %d %.1f\n", (long long)n.onset_frame, (long long)n.duration_frames, n.note, n.cents);
         }

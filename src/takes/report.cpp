@@ -223,34 +223,26 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
     }
 
     // What is left of a backing's leak after cleaning is pitched too, but
-    // far below the player: a run whose loudest reading stays 20 dB under
-    // the take's loud pitched readings (their 90th percentile) is not a note.
+    // far below the player: a run whose typical (median) window stays 20 dB
+    // under the take's loud pitched windows (their 90th percentile) is not a
+    // note. Not its loudest: the leak is read as soon as a note's tail fades,
+    // so its first windows still hold that tail.
+    // Window powers come from the audio: the readings' own levels are per
+    // pushed chunk, which may hold the end of the previous note.
     {
-        std::vector<double> levels;
-        for (const TunerReading& r : track) {
-            if (pitch_of(r).note >= 0) levels.push_back(r.level_db);
+        const size_t h = static_cast<size_t>(framing.hop);
+        std::vector<double> block(n / h + 2, 0.0);
+        for (size_t t = 0; t < n; ++t) block[t / h] += static_cast<double>(x[t]) * x[t];
+        const auto power = [&](size_t k) { return block[k] + block[k + 1]; };  // window = 2 hops
+        std::vector<double> pitched;
+        for (size_t k = 0; k < track.size(); ++k) {
+            if (pitch_of(track[k]).note >= 0) pitched.push_back(power(k));
         }
-        const double floor_db = percentile(levels, 0.9) - 20.0;
+        const double floor_power = 0.01 * percentile(pitched, 0.9);
         std::erase_if(runs, [&](const Run& run) {
-            double loudest = -200.0;
-            for (size_t k = run.first; k <= run.last; ++k) loudest = std::max(loudest, track[k].level_db);
-            return loudest < floor_db;
-        });
-    }
-
-    // What is left of a backing's leak after cleaning is pitched too, but
-    // far below the player: a run whose loudest reading stays 20 dB under
-    // the take's loud pitched readings (their 90th percentile) is not a note.
-    {
-        std::vector<double> levels;
-        for (const TunerReading& r : track) {
-            if (pitch_of(r).note >= 0) levels.push_back(r.level_db);
-        }
-        const double floor_db = percentile(levels, 0.9) - 20.0;
-        std::erase_if(runs, [&](const Run& run) {
-            double loudest = -200.0;
-            for (size_t k = run.first; k <= run.last; ++k) loudest = std::max(loudest, track[k].level_db);
-            return loudest < floor_db;
+            std::vector<double> own;
+            for (size_t k = run.first; k <= run.last; ++k) own.push_back(power(k));
+            return percentile(own, 0.5) < floor_power;
         });
     }
 
