@@ -114,18 +114,50 @@ TEST(OfflineProcess, SettingsShapeTheReading) {
     EXPECT_NEAR(r.cents, 508.0, 0.3);
 }
 
-TEST(OfflineProcess, TheFinalReadingFollowsTheLastNote) {
+// The track: one reading per hop, each stamped at its window's end, the
+// first note then the second, and its last entry the single reading bit for
+// bit (mono and a stereo mix, a short room that stops it early).
+TEST(OfflineTrack, FollowsTheNotesAndEndsOnTheSingleReading) {
     const double rate = 48000;
     const auto x = t::concat({t::string_tone(t::midi_hz(45), rate, 24000),
                               t::string_tone(t::midi_hz(50), rate, 24000)});
-    TunerReading r{};
-    ASSERT_EQ(tn_offline_process(nullptr, x.data(), int32_t(x.size()), 1, rate, &r), 1);
-    EXPECT_EQ(r.note, 50);
-    EXPECT_EQ(r.octave, 3);
-    // The time stamp is the end of the last complete window.
-    const uint64_t frames = (x.size() - 2048) / 1024 + 1;
-    EXPECT_EQ(r.frame_count, frames);
-    EXPECT_EQ(r.time_us, uint64_t(double((frames - 1) * 1024 + 2048) * 1e6 / rate));
+    std::vector<float> stereo(x.size() * 2);
+    for (size_t i = 0; i < x.size(); ++i) stereo[2 * i] = stereo[2 * i + 1] = x[i];
+    const int32_t frames = int32_t(x.size());
+    const int32_t expected = (frames - 2048) / 1024 + 1;
+    for (int32_t channels : {1, 2}) {
+        const float* data = channels == 1 ? x.data() : stereo.data();
+        int32_t count = 0;
+        ASSERT_EQ(tn_offline_track(nullptr, data, frames, channels, rate, nullptr, &count), 1);
+        ASSERT_EQ(count, expected);
+        std::vector<TunerReading> track(size_t(count) + 3);
+        count += 3;
+        ASSERT_EQ(tn_offline_track(nullptr, data, frames, channels, rate, track.data(), &count), 1);
+        ASSERT_EQ(count, expected);
+        TunerReading single{};
+        ASSERT_EQ(tn_offline_process(nullptr, data, frames, channels, rate, &single), 1);
+        EXPECT_EQ(std::memcmp(&track[size_t(count) - 1], &single, sizeof single), 0);
+        for (int32_t k = 0; k < count; ++k) {
+            EXPECT_EQ(track[size_t(k)].frame_count, uint64_t(k) + 1);
+            EXPECT_EQ(track[size_t(k)].time_us, uint64_t(double(k * 1024 + 2048) * 1e6 / rate));
+        }
+        EXPECT_EQ(track[10].note, 45);
+        EXPECT_EQ(single.note, 50);
+        EXPECT_EQ(single.octave, 3);
+        count = 5;  // a short room: the first five, as in the full track
+        std::vector<TunerReading> head(5);
+        ASSERT_EQ(tn_offline_track(nullptr, data, frames, channels, rate, head.data(), &count), 1);
+        EXPECT_EQ(count, 5);
+        EXPECT_EQ(std::memcmp(head.data(), track.data(), 5 * sizeof(TunerReading)), 0);
+    }
+    int32_t count = 4;
+    EXPECT_EQ(tn_offline_track(nullptr, x.data(), 2047, 1, rate, nullptr, &count), ws_invalid_argument);
+    std::vector<TunerReading> room(4);
+    EXPECT_EQ(tn_offline_track(nullptr, x.data(), 2047, 1, rate, room.data(), &count), 0);
+    EXPECT_EQ(count, 0);
+    count = -1;
+    EXPECT_EQ(tn_offline_track(nullptr, x.data(), frames, 1, rate, room.data(), &count), ws_invalid_argument);
+    EXPECT_EQ(tn_offline_track(nullptr, x.data(), frames, 1, rate, room.data(), nullptr), ws_invalid_argument);
 }
 
 TEST(OfflineProcess, ConcurrentCallsAgree) {

@@ -69,6 +69,7 @@ extern const Command kDevicesCommand;
 extern const Command kRecordCommand;
 extern const Command kAlignCommand;
 extern const Command kCleanCommand;
+extern const Command kReportCommand;
 
 // ---- options -----------------------------------------------------------
 

@@ -30,6 +30,7 @@ constexpr auto kCommands = std::to_array<const cli::Command*>({
     &cli::kRecordCommand,
     &cli::kAlignCommand,
     &cli::kCleanCommand,
+    &cli::kReportCommand,
 });
 
 const cli::Command* find_command(const std::string& name) {

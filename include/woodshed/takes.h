@@ -21,6 +21,7 @@
 #define WOODSHED_TAKES_H
 
 #include "woodshed/common.h"
+#include "woodshed/tuner.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -124,6 +125,116 @@ WS_STATIC_ASSERT(offsetof(TakeCleaning, cleaned) == 28, "TakeCleaning.cleaned");
  * No lock; any thread. */
 WS_API int32_t ta_clean(const char* reference_path, const char* take_path,
                         int32_t reference_offset_ms, int64_t delay_frames, TakeCleaning* out) WS_NOEXCEPT;
+
+/*
+ * The practice report: the notes of a take, each placed against a beat grid
+ * (was it in time?) and measured in cents (was it in tune?).
+ *
+ * Onsets are found in the audio (a rise of spectral flux, placed to the
+ * millisecond by the rise of the short-time energy); notes are the tuner's
+ * pitch track over the same audio (tn_offline_track's analysis): a note is
+ * an onset under a run of pitched readings on one note. An onset without a
+ * pitch (a knock, a breath) and a pitch without an onset make no note.
+ */
+
+/* The beat grid (24 bytes). Out-of-range values are replaced:
+ *   tempo_ubpm        10000000..400000000 (10..400 BPM), millionths of a
+ *                     BPM as the metronome takes them; else 120000000
+ *   first_beat_frame  the take frame of beat 1 of bar 1; any value (the grid
+ *                     extends both ways)
+ *   beats_per_bar     1..32, else 4
+ *   subdivision       grid steps per beat, 1..16 (2: eighths), else 1 */
+typedef struct TakeReportGrid {
+    int64_t tempo_ubpm;
+    int64_t first_beat_frame;
+    int32_t beats_per_bar;
+    int32_t subdivision;
+} TakeReportGrid;
+
+WS_STATIC_ASSERT(sizeof(TakeReportGrid) == 24, "TakeReportGrid is 24 bytes");
+WS_STATIC_ASSERT(offsetof(TakeReportGrid, tempo_ubpm) == 0, "TakeReportGrid.tempo_ubpm");
+WS_STATIC_ASSERT(offsetof(TakeReportGrid, first_beat_frame) == 8, "TakeReportGrid.first_beat_frame");
+WS_STATIC_ASSERT(offsetof(TakeReportGrid, beats_per_bar) == 16, "TakeReportGrid.beats_per_bar");
+WS_STATIC_ASSERT(offsetof(TakeReportGrid, subdivision) == 20, "TakeReportGrid.subdivision");
+
+/* One note played (80 bytes). */
+typedef struct TakeReportNote {
+    int64_t onset_frame;      /* take frame where the note begins */
+    int64_t duration_frames;  /* until the next note, or until its energy fell 20 dB below its
+                                 loudest 10 ms */
+    int64_t grid_frame;       /* the nearest grid position, rounded to a frame */
+    double deviation_ms;      /* onset - grid position in ms: negative = early, positive = late */
+    double frequency_hz;      /* median detected frequency over the held part */
+    double cents;             /* median deviation from the note (equal temperament at the tuner's
+                                 A4): negative = flat */
+    double cents_spread;      /* interquartile range of the deviation over the held part */
+    int32_t note;             /* MIDI note (69 = A4) */
+    int32_t bar;              /* bar of the grid position, 1 = the bar of first_beat_frame
+                                 (0 and below before it) */
+    int32_t beat;             /* beat within the bar, 1..beats_per_bar */
+    int32_t step;             /* grid step within the beat, 0..subdivision-1 */
+    char name[8];             /* note name with sharps and octave ("C#4"), NUL-padded */
+} TakeReportNote;
+
+WS_STATIC_ASSERT(sizeof(TakeReportNote) == 80, "TakeReportNote is 80 bytes");
+WS_STATIC_ASSERT(offsetof(TakeReportNote, onset_frame) == 0, "TakeReportNote.onset_frame");
+WS_STATIC_ASSERT(offsetof(TakeReportNote, duration_frames) == 8, "TakeReportNote.duration_frames");
+WS_STATIC_ASSERT(offsetof(TakeReportNote, grid_frame) == 16, "TakeReportNote.grid_frame");
+WS_STATIC_ASSERT(offsetof(TakeReportNote, deviation_ms) == 24, "TakeReportNote.deviation_ms");
+WS_STATIC_ASSERT(offsetof(TakeReportNote, frequency_hz) == 32, "TakeReportNote.frequency_hz");
+WS_STATIC_ASSERT(offsetof(TakeReportNote, cents) == 40, "TakeReportNote.cents");
+WS_STATIC_ASSERT(offsetof(TakeReportNote, cents_spread) == 48, "TakeReportNote.cents_spread");
+WS_STATIC_ASSERT(offsetof(TakeReportNote, note) == 56, "TakeReportNote.note");
+WS_STATIC_ASSERT(offsetof(TakeReportNote, bar) == 60, "TakeReportNote.bar");
+WS_STATIC_ASSERT(offsetof(TakeReportNote, beat) == 64, "TakeReportNote.beat");
+WS_STATIC_ASSERT(offsetof(TakeReportNote, step) == 68, "TakeReportNote.step");
+WS_STATIC_ASSERT(offsetof(TakeReportNote, name) == 72, "TakeReportNote.name");
+
+/* The take's figures (48 bytes); all zero when no note was found. */
+typedef struct TakeReportSummary {
+    double mean_abs_deviation_ms;  /* mean |deviation_ms| over the notes */
+    double share_within_20ms;      /* share of notes with |deviation_ms| <= 20, 0..1 */
+    double mean_abs_cents;         /* mean |cents| over the notes */
+    double share_within_10_cents;  /* share of notes with |cents| <= 10, 0..1 */
+    int64_t frames;                /* length of the take */
+    uint32_t sample_rate;          /* its rate, Hz */
+    int32_t notes;                 /* notes found (also those beyond the room given) */
+} TakeReportSummary;
+
+WS_STATIC_ASSERT(sizeof(TakeReportSummary) == 48, "TakeReportSummary is 48 bytes");
+WS_STATIC_ASSERT(offsetof(TakeReportSummary, mean_abs_deviation_ms) == 0, "TakeReportSummary.mean_abs_deviation_ms");
+WS_STATIC_ASSERT(offsetof(TakeReportSummary, share_within_20ms) == 8, "TakeReportSummary.share_within_20ms");
+WS_STATIC_ASSERT(offsetof(TakeReportSummary, mean_abs_cents) == 16, "TakeReportSummary.mean_abs_cents");
+WS_STATIC_ASSERT(offsetof(TakeReportSummary, share_within_10_cents) == 24, "TakeReportSummary.share_within_10_cents");
+WS_STATIC_ASSERT(offsetof(TakeReportSummary, frames) == 32, "TakeReportSummary.frames");
+WS_STATIC_ASSERT(offsetof(TakeReportSummary, sample_rate) == 40, "TakeReportSummary.sample_rate");
+WS_STATIC_ASSERT(offsetof(TakeReportSummary, notes) == 44, "TakeReportSummary.notes");
+
+/* Reports on the take at take_path (a WAV as ta_analyze reads it; cleaned or
+ * not).
+ *   tuner    the tuner settings (NULL: defaults); A4 and the frequency range
+ *            apply, the fixed note does not (notes are always the nearest)
+ *   grid     the beat grid, required
+ *   notes    room for *count notes, in order of onset; may be NULL when
+ *            *count is 0
+ *   count    in: the room in notes; out: the notes written (summary->notes
+ *            has how many were found)
+ *   summary  the figures over all notes found (may be NULL)
+ * Returns 0 (also when no note was found); -3 (ws_invalid_argument) for a
+ * NULL path, grid or count, *count < 0, or NULL notes with *count > 0
+ * (nothing written); -14 (ws_unsupported_format) if the file cannot be read
+ * or memory runs out (*count is then 0 and summary cleared). No lock; any
+ * thread; the time is about that of tn_offline_track over the take. */
+WS_API int32_t ta_report(const char* take_path, const TunerConfig* tuner,
+                         const TakeReportGrid* grid, TakeReportNote* notes, int32_t* count,
+                         TakeReportSummary* summary) WS_NOEXCEPT;
+
+/* The same for mono samples the host holds (frames >= 1 at sample_rate Hz,
+ * 8000..384000; NaN counts as silence). -3 also for NULL samples, frames < 1
+ * or a rate outside that range; -14 only when memory runs out. */
+WS_API int32_t ta_report_buffer(const float* samples, int64_t frames, int32_t sample_rate,
+                                const TunerConfig* tuner, const TakeReportGrid* grid,
+                                TakeReportNote* notes, int32_t* count, TakeReportSummary* summary) WS_NOEXCEPT;
 
 #ifdef __cplusplus
 }

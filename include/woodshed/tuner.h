@@ -222,6 +222,28 @@ WS_API int32_t tn_engine_refresh_devices(void) WS_NOEXCEPT;
 WS_API int32_t tn_offline_process(const TunerConfig* config, const float* samples, int32_t frames,
                                   int32_t channels, double sample_rate, TunerReading* out) WS_NOEXCEPT;
 
+/* The same analysis as tn_offline_process, returning every analysis frame's
+ * reading: a pitch track, one reading per hop (half a window: 1024 input
+ * frames at 44.1 or 48 kHz with the default lowest frequency), in order.
+ * The last entry equals tn_offline_process's reading bit for bit.
+ *
+ *   config, samples, frames, channels, sample_rate   as for tn_offline_process
+ *   track    room for *count readings; may be NULL when *count is 0
+ *   count    in: the room in track; out: the readings written. With 0 in,
+ *            nothing is analysed and *count becomes the number of readings
+ *            the buffer gives (the size to allocate). When the room is
+ *            smaller, the first *count readings are written and the
+ *            analysis stops there.
+ *
+ * Returns 1 if the buffer gives at least one reading; 0 if it is shorter
+ * than one analysis window (*count becomes 0, track untouched); -3 for a
+ * NULL samples or count pointer, *count < 0, a NULL track with *count > 0,
+ * frames < 1 or channels outside 1..32 (nothing written). Cost: one
+ * tn_offline_process over the same buffer. Re-entrant like it. */
+WS_API int32_t tn_offline_track(const TunerConfig* config, const float* samples, int32_t frames,
+                                int32_t channels, double sample_rate, TunerReading* track,
+                                int32_t* count) WS_NOEXCEPT;
+
 #ifdef __cplusplus
 }
 #endif

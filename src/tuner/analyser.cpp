@@ -168,6 +168,7 @@ void PitchAnalyser::analyse_frame() {
     }
     tracker_.update(reading_, in, timing_, config_);
     has_reading_ = true;
+    if (track_ != nullptr && track_written_ < track_capacity_) track_[track_written_++] = reading_;
 
     peak_ = 0.0;
     sum_squares_ = 0.0;

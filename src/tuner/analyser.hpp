@@ -39,6 +39,16 @@ public:
     // Scratch for callers that mix channels down before push (kChunk floats).
     float* mix_buffer() { return mix_.data(); }
 
+    // Every frame's reading is also copied here, up to `capacity` of them
+    // (nullptr: none); `track_written()` counts the copies.
+    void set_track(TunerReading* track, size_t capacity) {
+        track_ = track;
+        track_capacity_ = capacity;
+        track_written_ = 0;
+    }
+    size_t track_written() const { return track_written_; }
+    bool track_full() const { return track_ != nullptr && track_written_ == track_capacity_; }
+
     const TunerConfig& config() const { return config_; }
     double sample_rate() const { return timing_.sample_rate; }
     double decimated_rate() const { return timing_.decimated_rate; }
@@ -75,6 +85,10 @@ private:
 
     TunerReading reading_;
     bool has_reading_ = false;
+
+    TunerReading* track_ = nullptr;
+    size_t track_capacity_ = 0;
+    size_t track_written_ = 0;
 };
 
 // Window length for a decimated rate and lowest frequency: the power of two

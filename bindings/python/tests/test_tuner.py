@@ -37,6 +37,8 @@ class Offline(unittest.TestCase):
         self.assertEqual(expected.note, 55)
         # 2048-sample windows every 1024: 22 frames, the last ending at 23552 (490666 us).
         self.assertEqual((expected.frame_count, expected.time_us), (22, 490666))
+        track = woodshed.track_offline(tone, 48000, as_numpy=False)
+        self.assertEqual((len(track), bytes(track[-1])), (22, bytes(expected)))
         inputs = {
             "list": (list(tone), 1), "array": (tone, 1), "memoryview": (memoryview(tone), 1),
             "read-only view": (memoryview(tone.tobytes()).cast("f"), 1), "doubles": (array.array("d", tone), 1),

@@ -14,7 +14,8 @@ from dataclasses import dataclass
 from typing import Optional, Union
 
 from ._records import (DeviceRecord, MetronomeConfig, MetronomeSnapshot, MetronomeStatus, RecorderState,
-                       TakeAnalysis, TakeCleaning, TunerConfig, TunerReading, TunerStatus)
+                       TakeAnalysis, TakeCleaning, TakeReportGrid, TakeReportNote, TakeReportSummary,
+                       TunerConfig, TunerReading, TunerStatus)
 
 ABI_VERSION = 1  # the interface these declarations describe
 
@@ -71,6 +72,8 @@ _PROTOTYPES = {
     "tn_engine_refresh_devices": (c_int32, []),
     "tn_offline_process": (c_int32, [_P(TunerConfig), _P(c_float), c_int32, c_int32, c_double,
                                      _P(TunerReading)]),
+    "tn_offline_track": (c_int32, [_P(TunerConfig), _P(c_float), c_int32, c_int32, c_double,
+                                   _P(TunerReading), _P(c_int32)]),
     "mn_abi_version": (c_int32, []),
     "mn_create": (c_int32, []),
     "mn_destroy": (c_int32, []),
@@ -99,6 +102,10 @@ _PROTOTYPES = {
     "ta_abi_version": (c_int32, []),
     "ta_analyze": (c_int32, [c_char_p, c_char_p, c_int32, c_int32, c_int32, _P(TakeAnalysis)]),
     "ta_clean": (c_int32, [c_char_p, c_char_p, c_int32, c_int64, _P(TakeCleaning)]),
+    "ta_report": (c_int32, [c_char_p, _P(TunerConfig), _P(TakeReportGrid), _P(TakeReportNote), _P(c_int32),
+                            _P(TakeReportSummary)]),
+    "ta_report_buffer": (c_int32, [_P(c_float), c_int64, c_int32, _P(TunerConfig), _P(TakeReportGrid),
+                                   _P(TakeReportNote), _P(c_int32), _P(TakeReportSummary)]),
 }
 
 

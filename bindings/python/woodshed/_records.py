@@ -306,6 +306,44 @@ class TakeCleaning(_Record):
     ]
 
 
+class TakeReportGrid(_Record):
+    _fields_ = [
+        ("tempo_ubpm", c_int64),
+        ("first_beat_frame", c_int64),
+        ("beats_per_bar", c_int32),
+        ("subdivision", c_int32),
+    ]
+
+
+class TakeReportNote(_Record):
+    _fields_ = [
+        ("onset_frame", c_int64),
+        ("duration_frames", c_int64),
+        ("grid_frame", c_int64),
+        ("deviation_ms", c_double),
+        ("frequency_hz", c_double),
+        ("cents", c_double),
+        ("cents_spread", c_double),
+        ("note", c_int32),
+        ("bar", c_int32),
+        ("beat", c_int32),
+        ("step", c_int32),
+        ("name", c_char * 8),
+    ]
+
+
+class TakeReportSummary(_Record):
+    _fields_ = [
+        ("mean_abs_deviation_ms", c_double),
+        ("share_within_20ms", c_double),
+        ("mean_abs_cents", c_double),
+        ("share_within_10_cents", c_double),
+        ("frames", c_int64),
+        ("sample_rate", c_uint32),
+        ("notes", c_int32),
+    ]
+
+
 # The headers' numbers: the accepted sizes, then every field with its offset.
 LAYOUTS = {
     DeviceRecord: ({528}, [("id_text", 0), ("name", 264), ("is_default", 520), ("reserved", 524)]),
@@ -339,6 +377,14 @@ LAYOUTS = {
                           ("valid", 28)]),
     TakeCleaning: ({32}, [("reserved", 0), ("reduction_db", 8), ("delay_frames", 16), ("sample_rate", 24),
                           ("cleaned", 28)]),
+    TakeReportGrid: ({24}, [("tempo_ubpm", 0), ("first_beat_frame", 8), ("beats_per_bar", 16),
+                            ("subdivision", 20)]),
+    TakeReportNote: ({80}, [("onset_frame", 0), ("duration_frames", 8), ("grid_frame", 16),
+                            ("deviation_ms", 24), ("frequency_hz", 32), ("cents", 40), ("cents_spread", 48),
+                            ("note", 56), ("bar", 60), ("beat", 64), ("step", 68), ("name", 72)]),
+    TakeReportSummary: ({48}, [("mean_abs_deviation_ms", 0), ("share_within_20ms", 8), ("mean_abs_cents", 16),
+                               ("share_within_10_cents", 24), ("frames", 32), ("sample_rate", 40),
+                               ("notes", 44)]),
 }
 
 

@@ -6,8 +6,10 @@ import ctypes
 import os
 from typing import Union
 
+from typing import List, Optional, Tuple
+
 from ._lib import call, existing_file, int32_arg, int64_arg, path_arg
-from ._records import TakeAnalysis, TakeCleaning
+from ._records import TakeAnalysis, TakeCleaning, TakeReportGrid, TakeReportNote, TakeReportSummary, TunerConfig
 
 PathLike = Union[str, bytes, os.PathLike]
 
@@ -32,3 +34,22 @@ def clean_take(reference: PathLike, take: PathLike, reference_offset_ms: int, de
     call("ta_clean", existing_file(path_arg(reference)), existing_file(path_arg(take)), int32_arg("reference_offset_ms", reference_offset_ms),
          int64_arg("delay_frames", delay_frames), ctypes.byref(out))
     return out
+
+
+def report_take(take: PathLike, bpm: float, beats_per_bar: int = 4, first_beat_frame: int = 0,
+                subdivision: int = 1, tuner: Optional[TunerConfig] = None
+                ) -> Tuple[List[TakeReportNote], TakeReportSummary]:
+    """The notes played in `take` against a grid of `bpm` from frame
+    `first_beat_frame` on, and the take's summary figures."""
+    grid = TakeReportGrid(int(round(bpm * 1e6)), int64_arg("first_beat_frame", first_beat_frame),
+                          int32_arg("beats_per_bar", beats_per_bar), int32_arg("subdivision", subdivision))
+    cfg = ctypes.byref(tuner) if tuner is not None else None
+    summary = TakeReportSummary()
+    count = ctypes.c_int32(0)
+    call("ta_report", existing_file(path_arg(take)), cfg, ctypes.byref(grid), None, ctypes.byref(count), ctypes.byref(summary))
+    notes = (TakeReportNote * max(summary.notes, 1))()
+    count.value = summary.notes
+    if summary.notes > 0:
+        call("ta_report", path_arg(take), cfg, ctypes.byref(grid), notes, ctypes.byref(count),
+             ctypes.byref(summary))
+    return list(notes[:count.value]), summary

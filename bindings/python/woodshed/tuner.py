@@ -24,6 +24,32 @@ def tune_offline(samples, sample_rate: float, config: Optional[TunerConfig] = No
     return reading if got == 1 else None
 
 
+def track_offline(samples, sample_rate: float, config: Optional[TunerConfig] = None,
+                  channels: int = 1, as_numpy: Optional[bool] = None):
+    """Every analysis frame's reading over `samples` (the pitch track): a list
+    of TunerReading, or a numpy structured array when numpy is installed
+    (as_numpy=None) or asked for. Empty when the samples are shorter than one
+    analysis window. Its last entry is what tune_offline returns."""
+    buffer, count = float_samples(samples)
+    channels = int32_arg("channels", channels)
+    frames = int32_arg("frames", count // channels if channels > 0 else 0)
+    cfg = ctypes.byref(config) if config is not None else None
+    n = ctypes.c_int32(0)
+    call("tn_offline_track", cfg, buffer, frames, channels, float(sample_rate), None, ctypes.byref(n))
+    track = (TunerReading * max(n.value, 1))()
+    if n.value > 0:
+        call("tn_offline_track", cfg, buffer, frames, channels, float(sample_rate), track,
+             ctypes.byref(n))
+    if as_numpy is not False:
+        try:
+            import numpy
+            return numpy.ctypeslib.as_array(track)[:n.value]
+        except ImportError:
+            if as_numpy:
+                raise
+    return list(track[:n.value])
+
+
 class Tuner:
     """The live tuner engine (one per process). As a context manager it is
     created on entry and destroyed on exit, stopping a running device first.

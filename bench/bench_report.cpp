@@ -1,0 +1,221 @@
+// The practice report on generated takes whose answer is known: seeded
+// melodies of 16..32 notes at 60..180 BPM on an eighth-note grid, each note
+// displaced from its grid position by a known -60..+60 ms and detuned by a
+// known -30..+30 cents, some steps left as rests; a backing of chords leaks
+// into the take through a small room, at the level the take cleaning
+// leaves it. Prints the figures; then the cost of the pitch track
+// against one tn_offline_process, and of a whole report, on 3 minutes.
+//   bench_report [melodies=20] [seed=1]
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "takes/report.hpp"
+#include "woodshed/takes.h"
+#include "woodshed/tuner.h"
+
+namespace {
+
+constexpr double kRate = 44100.0;
+constexpr double kPi = 3.141592653589793;
+// The backing's leak into the microphone: its chords come in about 8 dB
+// below the player; what the cleaning leaves of it is modelled at the 35 dB
+// the take tools remove with a player this loud (their NOTES), since the
+// leak filter fitted to these generated takes removed next to nothing.
+constexpr float kLeak = 0.4f * 0.0178f;
+
+struct Truth {
+    int64_t onset;
+    int64_t length;
+    int note;
+    double cents;
+};
+
+// A plucked-and-held tone: harmonics 1..6 at 1/h, 4 ms attack, decay to a
+// sustain of 0.6, 25 ms release.
+void add_note(std::vector<float>& x, int64_t at, int64_t length, double hz, double amp) {
+    const int64_t attack = int64_t(0.004 * kRate), release = int64_t(0.025 * kRate);
+    for (int64_t i = 0; i < length + release && at + i < int64_t(x.size()); ++i) {
+        const double t = double(i) / kRate;
+        double env = i < attack ? double(i) / attack : 0.6 + 0.4 * std::exp(-(t - 0.004) * 12.0);
+        if (i >= length) env *= 1.0 - double(i - length) / release;
+        double v = 0.0;
+        for (int h = 1; h <= 6; ++h) {
+            if (hz * h < 0.45 * kRate) v += std::sin(2 * kPi * hz * h * t) / h;
+        }
+        x[size_t(at + i)] += float(amp * env * v * 0.45);
+    }
+}
+
+struct Take {
+    std::vector<float> audio;
+    std::vector<Truth> notes;
+    ws::takes::ReportGrid grid;
+    std::vector<std::pair<int64_t, int64_t>> rests;  // spans with no note sounding
+};
+
+Take make_take(std::mt19937& rng, bool with_leak) {
+    std::uniform_int_distribution<int> count_d(16, 32), tempo_d(60, 180), note_d(45, 76);
+    std::uniform_real_distribution<double> shift_d(-60.0, 60.0), cents_d(-30.0, 30.0),
+        legato_d(0.55, 0.9), u(0.0, 1.0);
+    Take take;
+    const int count = count_d(rng);
+    take.grid.tempo_bpm = tempo_d(rng);
+    take.grid.subdivision = 2;
+    take.grid.first_beat_frame = 0.5 * kRate;
+    const double step = 60.0 / take.grid.tempo_bpm / 2 * kRate;
+    int position = 0;
+    std::vector<std::pair<int64_t, int64_t>> sounding;
+    for (int i = 0; i < count; ++i) {
+        if (u(rng) < 0.15) position += 2;  // a rest of a beat
+        const int steps = u(rng) < 0.5 ? 2 : 1;
+        Truth t;
+        t.onset = int64_t(std::llround(take.grid.first_beat_frame + position * step +
+                                       shift_d(rng) * kRate / 1000.0));
+        // Notes are shortened so the next one, however displaced, starts
+        // after this one's release.
+        t.length = int64_t(std::max(0.06 * kRate, steps * step * legato_d(rng) - 0.14 * kRate));
+        t.note = note_d(rng);
+        t.cents = cents_d(rng);
+        take.notes.push_back(t);
+        sounding.push_back({t.onset, t.onset + t.length + int64_t(0.03 * kRate)});
+        position += steps;
+    }
+    const size_t frames = size_t(take.grid.first_beat_frame + (position + 4) * step);
+    take.audio.assign(frames, 0.0f);
+    for (const Truth& t : take.notes) {
+        add_note(take.audio, t.onset, t.length, 440.0 * std::exp2((t.note - 69 + t.cents / 100) / 12),
+                 0.5 + 0.5 * u(rng));
+    }
+    for (size_t i = 0; i + 1 < sounding.size(); ++i) {
+        if (sounding[i + 1].first - sounding[i].second > int64_t(0.15 * kRate)) {
+            take.rests.push_back({sounding[i].second, sounding[i + 1].first});
+        }
+    }
+    if (with_leak) {
+        // Backing: a chord every two beats, through a 30 ms room, as the
+        // cleaning leaves it.
+        std::vector<float> backing(frames, 0.0f);
+        for (int64_t at = 0; at < int64_t(frames); at += int64_t(4 * step)) {
+            for (int n : {48, 55, 64}) add_note(backing, at, int64_t(3.5 * step), 440.0 * std::exp2((n - 69) / 12.0), 0.25);
+        }
+        std::vector<float> room(size_t(0.03 * kRate));
+        std::normal_distribution<double> g(0.0, 1.0);
+        for (size_t k = 0; k < room.size(); ++k) room[k] = float(g(rng) * std::exp(-double(k) / (0.006 * kRate)) * 0.15);
+        room[0] = 0.5f;
+        const int64_t delay = 300;
+        for (size_t i = 0; i < frames; ++i) {
+            if (backing[i] == 0.0f) continue;
+            for (size_t k = 0; k < room.size() && i + delay + k < frames; ++k) {
+                take.audio[i + delay + k] += kLeak * backing[i] * room[k];
+            }
+        }
+    }
+    return take;
+}
+
+double seconds_since(std::chrono::steady_clock::time_point t0) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int melodies = argc > 1 ? std::atoi(argv[1]) : 20;
+    std::mt19937 rng(argc > 2 ? unsigned(std::atoi(argv[2])) : 1u);
+    size_t truth_notes = 0, found_notes = 0, phantoms = 0;
+    double matched = 0, onset_ok = 0, held = 0, cents_ok = 0;
+    std::vector<double> onset_err, cents_err;
+    for (int m = 0; m < melodies; ++m) {
+        const Take take = make_take(rng, std::getenv("NOLEAK") == nullptr);
+        const auto notes = ws::takes::report_notes(take.audio.data(), take.audio.size(), uint32_t(kRate),
+                                                   nullptr, take.grid);
+        truth_notes += take.notes.size();
+        if (std::getenv("DUMP") != nullptr && m == std::atoi(std::getenv("DUMP"))) {
+            for (const Truth& t : take.notes) std::printf("truth %lld %lld %d %.1f\n", (long long)t.onset, (long long)t.length, t.note, t.cents);
+            for (const auto& n : notes) std::printf("found %lld %lld %d %.1f\n", (long long)n.onset_frame, (long long)n.duration_frames, n.note, n.cents);
+        }
+        found_notes += notes.size();
+        for (const auto& n : notes) {
+            for (const auto& r : take.rests) {
+                if (n.onset_frame > r.first + int64_t(0.02 * kRate) && n.onset_frame < r.second - int64_t(0.02 * kRate)) {
+                    ++phantoms;
+                    if (std::getenv("MISS") != nullptr) {
+                        std::printf("phantom melody %d at %.3f s: note %d\n", m, double(n.onset_frame) / kRate, n.note);
+                    }
+                }
+            }
+        }
+        for (const Truth& t : take.notes) {
+            const ws::takes::ReportNote* best = nullptr;
+            for (const auto& n : notes) {
+                if (std::llabs(n.onset_frame - t.onset) < int64_t(0.05 * kRate) &&
+                    (best == nullptr || std::llabs(n.onset_frame - t.onset) < std::llabs(best->onset_frame - t.onset))) {
+                    best = &n;
+                }
+            }
+            if (best == nullptr || best->note != t.note) {
+                if (std::getenv("MISS") != nullptr) {
+                    std::printf("missed melody %d at %.3f s: note %d, %.0f ms, %.1f cents; reported %s\n", m,
+                                double(t.onset) / kRate, t.note, double(t.length) * 1000 / kRate, t.cents,
+                                best ? std::to_string(best->note).c_str() : "nothing near");
+                }
+                continue;
+            }
+            ++matched;
+            const double err_ms = double(best->onset_frame - t.onset) * 1000.0 / kRate;
+            onset_err.push_back(err_ms);
+            onset_ok += std::fabs(err_ms) <= 5.0 ? 1 : 0;
+            if (t.length >= int64_t(0.15 * kRate)) {
+                ++held;
+                cents_err.push_back(best->cents - t.cents);
+                cents_ok += std::fabs(best->cents - t.cents) <= 3.0 ? 1 : 0;
+            }
+        }
+    }
+    std::printf("melodies %d: notes %zu, reported %zu, found with the right note %.0f (%.1f %%)\n",
+                melodies, truth_notes, found_notes, matched, 100.0 * matched / double(truth_notes));
+    std::printf("onsets within +-5 ms: %.1f %% of found notes\n", 100.0 * onset_ok / std::max(matched, 1.0));
+    std::printf("cents within +-3 (notes held >= 150 ms, %.0f): %.1f %%\n", held,
+                100.0 * cents_ok / std::max(held, 1.0));
+    std::printf("phantom notes in rests: %zu\n", phantoms);
+    if (argc > 3) {
+        for (double e : onset_err) std::printf("%.1f ", e);
+        std::printf("\n");
+        for (double e : cents_err) std::printf("%.1f ", e);
+        std::printf("\n");
+    }
+
+    // Cost on 3 minutes: repeat generated melodies up to length.
+    std::vector<float> three;
+    while (three.size() < size_t(180 * kRate)) {
+        const Take take = make_take(rng, false);
+        three.insert(three.end(), take.audio.begin(), take.audio.end());
+    }
+    three.resize(size_t(180 * kRate));
+    const int32_t frames = int32_t(three.size());
+    TunerReading single{};
+    auto t0 = std::chrono::steady_clock::now();
+    tn_offline_process(nullptr, three.data(), frames, 1, kRate, &single);
+    const double process_s = seconds_since(t0);
+    int32_t count = 0;
+    tn_offline_track(nullptr, three.data(), frames, 1, kRate, nullptr, &count);
+    std::vector<TunerReading> track(static_cast<size_t>(count));
+    t0 = std::chrono::steady_clock::now();
+    tn_offline_track(nullptr, three.data(), frames, 1, kRate, track.data(), &count);
+    const double track_s = seconds_since(t0);
+    std::printf("3 min: tn_offline_process %.3f s, tn_offline_track %.3f s (%d readings, %+.1f %%)\n",
+                process_s, track_s, count, 100.0 * (track_s / process_s - 1.0));
+    const TakeReportGrid grid{120000000, 0, 4, 2};
+    std::vector<TakeReportNote> notes(4096);
+    int32_t room = 4096;
+    TakeReportSummary summary{};
+    t0 = std::chrono::steady_clock::now();
+    ta_report_buffer(three.data(), frames, int32_t(kRate), nullptr, &grid, notes.data(), &room, &summary);
+    std::printf("3 min: ta_report_buffer %.3f s (%d notes)\n", seconds_since(t0), summary.notes);
+    return 0;
+}

@@ -1,0 +1,381 @@
+#include "takes/report.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <complex>
+
+#include "takes/fft.hpp"
+#include "tuner/offline.hpp"
+
+namespace ws::takes {
+
+namespace {
+
+// Spectral flux frames: about 23 ms long, a quarter of that apart.
+struct FluxFrames {
+    size_t length = 0;
+    size_t hop = 0;
+};
+
+FluxFrames flux_frames(uint32_t rate) {
+    size_t f = 256;
+    while (f < 8192 && static_cast<double>(f) < rate * 0.0232 * 0.75) f *= 2;
+    return {f, f / 4};
+}
+
+// Frame k ends at input frame k * hop: its window is [k * hop - length,
+// k * hop), zero before the start, so a note at frame 0 has an onset too.
+std::vector<double> spectral_flux(const float* x, size_t n, const FluxFrames& ff) {
+    const size_t frames = n / ff.hop + 1;
+    std::vector<double> flux(frames, 0.0);
+    const FftTable table(ff.length);
+    std::vector<std::complex<float>> buf(ff.length);
+    std::vector<float> window(ff.length), prev(ff.length / 2, 0.0f), cur(ff.length / 2);
+    for (size_t i = 0; i < ff.length; ++i) {
+        window[i] = static_cast<float>(0.5 - 0.5 * std::cos(2.0 * 3.141592653589793 *
+                                                             static_cast<double>(i) /
+                                                             static_cast<double>(ff.length)));
+    }
+    for (size_t k = 0; k < frames; ++k) {
+        const int64_t start = static_cast<int64_t>(k * ff.hop) - static_cast<int64_t>(ff.length);
+        for (size_t i = 0; i < ff.length; ++i) {
+            const int64_t at = start + static_cast<int64_t>(i);
+            const float v = at >= 0 && at < static_cast<int64_t>(n) ? x[at] : 0.0f;
+            buf[i] = {v * window[i], 0.0f};
+        }
+        table.transform(buf.data(), false);
+        double sum = 0.0;
+        // Log magnitude: a rise counts by its ratio, so a quiet note's
+        // attack counts as much as a loud one's, and noise far below barely.
+        for (size_t b = 1; b < ff.length / 2; ++b) {
+            cur[b] = std::log1p(std::sqrt(std::norm(buf[b])));
+            sum += std::max(0.0f, cur[b] - prev[b]);
+        }
+        flux[k] = sum;
+        std::swap(cur, prev);
+    }
+    return flux;
+}
+
+// Mean power of x over [t - w/2, t + w/2) from prefix sums of x^2.
+struct Energy {
+    std::vector<double> prefix;  // over [from, to)
+    int64_t from = 0;
+    double at(int64_t t, int64_t w) const {
+        const int64_t last = from + static_cast<int64_t>(prefix.size()) - 1;
+        const int64_t a = std::clamp(t - w / 2, from, last), b = std::clamp(t + w - w / 2, from, last);
+        return (prefix[static_cast<size_t>(b - from)] - prefix[static_cast<size_t>(a - from)]) /
+               static_cast<double>(w);
+    }
+};
+
+Energy energy(const float* x, size_t n, int64_t from, int64_t to) {
+    Energy e;
+    e.from = std::max<int64_t>(0, from);
+    to = std::min<int64_t>(static_cast<int64_t>(n), to);
+    e.prefix.assign(static_cast<size_t>(std::max<int64_t>(to - e.from, 0)) + 1, 0.0);
+    for (int64_t t = e.from; t < to; ++t) {
+        const double v = x[t];
+        e.prefix[static_cast<size_t>(t - e.from + 1)] = e.prefix[static_cast<size_t>(t - e.from)] + v * v;
+    }
+    return e;
+}
+
+// Places the onset of flux frame k: the new sound entered its window, so the
+// energy rises somewhere in it. From where the 4 ms energy first climbs a
+// tenth of the way from the quietest point before the rise to the loudest
+// after it, walk back to where it last stood within 0.2 % of the rise:
+// that is where the note entered the energy window, half a window before its
+// centre. A rise of under 6 dB (one note sliding into the next) leaves the
+// flux frame's own estimate: the new note has reached the middle of its
+// window, where the window weighs most.
+int64_t place_onset(const float* x, size_t n, uint32_t rate, const FluxFrames& ff, size_t k) {
+    const int64_t end = static_cast<int64_t>(k * ff.hop);
+    const int64_t from = end - static_cast<int64_t>(ff.length + ff.hop);
+    const int64_t to = end + static_cast<int64_t>(ff.hop);
+    const int64_t w = std::max<int64_t>(8, rate / 250);
+    const int64_t after = rate / 50;
+    const int64_t last = static_cast<int64_t>(n);
+    const int64_t fallback = std::clamp<int64_t>(end - static_cast<int64_t>(ff.length / 2), 0, last);
+    const Energy e = energy(x, n, from - w, to + after + w);
+    const int64_t lo = std::max<int64_t>(from, 0), hi = std::min<int64_t>(to, last);
+    if (hi <= lo) return fallback;
+    int64_t peak_at = lo;
+    double peak = -1.0;
+    for (int64_t t = lo; t < std::min<int64_t>(hi + after, last); ++t) {
+        const double v = e.at(t, w);
+        if (v > peak) peak = v, peak_at = t;
+    }
+    int64_t quiet_at = lo;
+    double quiet = peak;
+    for (int64_t t = lo; t <= peak_at; ++t) {
+        const double v = e.at(t, w);
+        if (v < quiet) quiet = v, quiet_at = t;
+    }
+    if (!(peak > 4.0 * quiet) || peak <= 1e-12) return fallback;
+    const double rise = 0.1 * (peak - quiet) + quiet, still = 0.002 * (peak - quiet) + quiet;
+    int64_t t = quiet_at;
+    while (t < peak_at && e.at(t, w) < rise) ++t;
+    while (t > quiet_at && e.at(t, w) > still) --t;
+    return std::clamp<int64_t>(t + w / 2, 0, last);
+}
+
+struct FluxPeak {
+    size_t frame;
+    double value;
+};
+
+// Local maxima within +-30 ms that stand above the mean of the surrounding
+// 200 ms by a twelfth of the take's largest flux.
+std::vector<FluxPeak> flux_peaks(const std::vector<double>& flux, uint32_t rate, const FluxFrames& ff) {
+    std::vector<FluxPeak> peaks;
+    if (flux.empty()) return peaks;
+    const double top = *std::max_element(flux.begin(), flux.end());
+    if (!(top > 0.0)) return peaks;
+    const size_t near = std::max<size_t>(1, static_cast<size_t>(0.03 * rate / static_cast<double>(ff.hop)));
+    const size_t around = std::max<size_t>(2, static_cast<size_t>(0.1 * rate / static_cast<double>(ff.hop)));
+    const double delta = top / 12.0;
+    std::vector<double> prefix(flux.size() + 1, 0.0);
+    for (size_t i = 0; i < flux.size(); ++i) prefix[i + 1] = prefix[i] + flux[i];
+    for (size_t k = 0; k < flux.size(); ++k) {
+        const size_t a = k >= near ? k - near : 0, b = std::min(flux.size() - 1, k + near);
+        bool is_max = true;
+        for (size_t j = a; j <= b && is_max; ++j) {
+            if (flux[j] > flux[k] || (flux[j] == flux[k] && j < k)) is_max = false;
+        }
+        if (!is_max) continue;
+        const size_t c = k >= around ? k - around : 0, d = std::min(flux.size(), k + around + 1);
+        const double mean = (prefix[d] - prefix[c]) / static_cast<double>(d - c);
+        if (flux[k] >= mean + delta) peaks.push_back({k, flux[k]});
+    }
+    return peaks;
+}
+
+double percentile(std::vector<double> v, double p) {
+    if (v.empty()) return 0.0;
+    std::sort(v.begin(), v.end());
+    const double at = p * static_cast<double>(v.size() - 1);
+    const size_t i = static_cast<size_t>(at);
+    const double frac = at - static_cast<double>(i);
+    return i + 1 < v.size() ? v[i] + (v[i + 1] - v[i]) * frac : v[i];
+}
+
+// The note a reading's own frequency is nearest to (the tracker's note may
+// still be the previous one for a frame), and its cents from it.
+struct Pitch {
+    int note = -1;
+    double cents = 0.0;
+};
+
+Pitch pitch_of(const TunerReading& r) {
+    if (r.state < tn_state_pitched || !(r.frequency_hz > 0.0) || !(r.target_hz > 0.0) || r.note < 0) {
+        return {};
+    }
+    const double from_target = 12.0 * std::log2(r.frequency_hz / r.target_hz);
+    const int step = static_cast<int>(std::lround(from_target));
+    return {r.note + step, 100.0 * (from_target - step)};
+}
+
+struct Run {
+    size_t first, last;  // readings
+    int note;
+};
+
+}  // namespace
+
+std::vector<int64_t> detect_onsets(const float* x, size_t n, uint32_t rate) {
+    std::vector<int64_t> out;
+    if (x == nullptr || n == 0 || rate == 0) return out;
+    const FluxFrames ff = flux_frames(rate);
+    const auto flux = spectral_flux(x, n, ff);
+    for (const FluxPeak& p : flux_peaks(flux, rate, ff)) out.push_back(place_onset(x, n, rate, ff, p.frame));
+    return out;
+}
+
+std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
+                                     const TunerConfig* tuner, const ReportGrid& grid) {
+    std::vector<ReportNote> notes;
+    if (x == nullptr || n == 0 || rate == 0) return notes;
+    TunerConfig cfg = tuner != nullptr ? *tuner : TunerConfig{440.0, 55.0, 1200.0, 5.0, -1, 0};
+    cfg.fixed_note = -1;
+    const auto framing = ws::tuner::offline_frames(&cfg, rate);
+    std::vector<TunerReading> track(ws::tuner::offline_reading_count(&cfg, n, rate));
+    if (track.empty()) return notes;
+    track.resize(ws::tuner::analyse_offline(&cfg, x, n, 1, rate, track.data(), track.size(), nullptr));
+
+    // Runs of two or more readings pitched on one note; a run broken by at
+    // most two readings and taken up again on the same note is one run.
+    std::vector<Run> runs;
+    for (size_t k = 0; k < track.size();) {
+        const Pitch p = pitch_of(track[k]);
+        if (p.note < 0) {
+            ++k;
+            continue;
+        }
+        size_t last = k;
+        while (last + 1 < track.size() && pitch_of(track[last + 1]).note == p.note) ++last;
+        if (!runs.empty() && runs.back().note == p.note && k - runs.back().last <= 3) {
+            runs.back().last = last;
+        } else if (last > k) {
+            runs.push_back({k, last, p.note});
+        }
+        k = last + 1;
+    }
+
+    // What is left of a backing's leak after cleaning is pitched too, but
+    // far below the player: a run whose typical (median) window stays 20 dB
+    // under the take's loud pitched windows (their 90th percentile) is not a
+    // note. Not its loudest: the leak is read as soon as a note's tail fades,
+    // so its first windows still hold that tail.
+    // Window powers come from the audio: the readings' own levels are per
+    // pushed chunk, which may hold the end of the previous note.
+    {
+        const size_t h = static_cast<size_t>(framing.hop);
+        std::vector<double> block(n / h + 2, 0.0);
+        for (size_t t = 0; t < n; ++t) block[t / h] += static_cast<double>(x[t]) * x[t];
+        const auto power = [&](size_t k) { return block[k] + block[k + 1]; };  // window = 2 hops
+        std::vector<double> pitched;
+        for (size_t k = 0; k < track.size(); ++k) {
+            if (pitch_of(track[k]).note >= 0) pitched.push_back(power(k));
+        }
+        const double floor_power = 0.01 * percentile(pitched, 0.9);
+        std::erase_if(runs, [&](const Run& run) {
+            std::vector<double> own;
+            for (size_t k = run.first; k <= run.last; ++k) own.push_back(power(k));
+            return percentile(own, 0.5) < floor_power;
+        });
+    }
+
+    const FluxFrames ff = flux_frames(rate);
+    const auto flux = spectral_flux(x, n, ff);
+    const auto peaks = flux_peaks(flux, rate, ff);
+    const int64_t hop = static_cast<int64_t>(framing.hop), window = static_cast<int64_t>(framing.window);
+    const auto flux_frame_of = [&](int64_t frame) {
+        return static_cast<size_t>(std::clamp<int64_t>(frame, 0, static_cast<int64_t>(n)) /
+                                   static_cast<int64_t>(ff.hop));
+    };
+
+    struct Found {
+        int64_t onset;
+        size_t run;
+    };
+    std::vector<Found> found;
+    int64_t previous_onset = -(int64_t{1} << 40);
+    const int64_t min_gap = rate / 20;
+    for (size_t r = 0; r < runs.size(); ++r) {
+        const Run& run = runs[r];
+        // The note sounds in the first window that reads it: its onset lies
+        // before that window's end, and at most three hops before its start
+        // (an octave leap waits out the octave guard's median). The
+        // strongest flux peak there after the previous onset is its onset; a
+        // flux frame ends after the onset, within one frame length.
+        const int64_t a = std::max(static_cast<int64_t>(run.first) * hop - 3 * hop,
+                                   previous_onset + min_gap);
+        const int64_t b = static_cast<int64_t>(run.first) * hop + window;
+        size_t best = flux_frame_of(a + static_cast<int64_t>(ff.hop));
+        bool from_peak = false;
+        for (const FluxPeak& p : peaks) {
+            const int64_t at = static_cast<int64_t>(p.frame * ff.hop);
+            if (at <= a || at > b + static_cast<int64_t>(ff.length / 2)) continue;
+            if (!from_peak || p.value > flux[best]) best = p.frame, from_peak = true;
+        }
+        if (!from_peak) {
+            for (size_t k = best; k <= flux_frame_of(b + static_cast<int64_t>(ff.length / 2)) && k < flux.size(); ++k) {
+                if (flux[k] > flux[best]) best = k;
+            }
+        }
+        int64_t onset = place_onset(x, n, rate, ff, best);
+        if (onset < previous_onset + min_gap) onset = previous_onset + min_gap;
+        found.push_back({onset, r});
+        previous_onset = onset;
+        // The same note struck again inside the run: a flux peak of at least
+        // a quarter of this note's own onset.
+        const int64_t run_end = static_cast<int64_t>(run.last) * hop;
+        for (const FluxPeak& p : peaks) {
+            if (p.frame <= best || p.value < 0.25 * flux[best]) continue;
+            if (static_cast<int64_t>(p.frame * ff.hop) > run_end) break;
+            // Three windows of the run wholly after it must still read the
+            // note, or the peak is the next note's arrival, read as this one
+            // for up to two frames while the octave guard's median catches up.
+            const int64_t at = place_onset(x, n, rate, ff, p.frame);
+            if (at < previous_onset + 2 * min_gap ||
+                at > (static_cast<int64_t>(run.last) - 2) * hop) {
+                continue;
+            }
+            found.push_back({at, r});
+            previous_onset = at;
+        }
+    }
+
+    const double step_frames = 60.0 * rate / (grid.tempo_bpm * grid.subdivision);
+    for (size_t i = 0; i < found.size(); ++i) {
+        const Run& run = runs[found[i].run];
+        ReportNote note;
+        note.onset_frame = found[i].onset;
+        note.note = run.note;
+        // The note lasts until the next one begins or its energy has fallen
+        // 20 dB below its loudest 10 ms, whichever comes first, and at most
+        // to the end of the last window that read it.
+        int64_t end = std::min<int64_t>(static_cast<int64_t>(run.last) * hop + window, static_cast<int64_t>(n));
+        if (i + 1 < found.size()) end = std::min(end, found[i + 1].onset);
+        const int64_t block = std::max<int64_t>(1, rate / 100);
+        double loudest = 0.0;
+        for (int64_t t = note.onset_frame; t + block <= end; t += block) {
+            double s = 0.0;
+            for (int64_t j = t; j < t + block; ++j) s += static_cast<double>(x[j]) * x[j];
+            if (s > loudest) {
+                loudest = s;
+            } else if (s < 0.01 * loudest) {
+                end = t;
+                break;
+            }
+        }
+        note.duration_frames = std::max<int64_t>(0, end - note.onset_frame);
+
+        // Cents from the readings whose windows lie inside the note; a note
+        // too short for any takes every reading of its run on its note.
+        std::vector<double> cents, hz;
+        for (int pass = 0; pass < 2 && cents.empty(); ++pass) {
+            for (size_t k = run.first; k <= run.last; ++k) {
+                const int64_t w0 = static_cast<int64_t>(k) * hop;
+                if (pass == 0 && (w0 < note.onset_frame || w0 + window > end)) continue;
+                const Pitch p = pitch_of(track[k]);
+                if (p.note != run.note) continue;
+                cents.push_back(p.cents);
+                hz.push_back(track[k].frequency_hz);
+            }
+        }
+        note.cents = percentile(cents, 0.5);
+        note.cents_spread = percentile(cents, 0.75) - percentile(cents, 0.25);
+        note.frequency_hz = percentile(hz, 0.5);
+
+        const double steps = (static_cast<double>(note.onset_frame) - grid.first_beat_frame) / step_frames;
+        note.grid_index = static_cast<int64_t>(std::llround(steps));
+        const double grid_at = grid.first_beat_frame + static_cast<double>(note.grid_index) * step_frames;
+        note.grid_frame = static_cast<int64_t>(std::llround(grid_at));
+        note.deviation_ms = (static_cast<double>(note.onset_frame) - grid_at) * 1000.0 / rate;
+        notes.push_back(note);
+    }
+    return notes;
+}
+
+ReportSummary summarise(const std::vector<ReportNote>& notes) {
+    ReportSummary s;
+    if (notes.empty()) return s;
+    double dev = 0.0, cents = 0.0;
+    size_t in_time = 0, in_tune = 0;
+    for (const ReportNote& n : notes) {
+        dev += std::fabs(n.deviation_ms);
+        cents += std::fabs(n.cents);
+        in_time += std::fabs(n.deviation_ms) <= 20.0 ? 1 : 0;
+        in_tune += std::fabs(n.cents) <= 10.0 ? 1 : 0;
+    }
+    const double count = static_cast<double>(notes.size());
+    s.mean_abs_deviation_ms = dev / count;
+    s.share_within_20ms = static_cast<double>(in_time) / count;
+    s.mean_abs_cents = cents / count;
+    s.share_within_10_cents = static_cast<double>(in_tune) / count;
+    return s;
+}
+
+}  // namespace ws::takes
