@@ -98,6 +98,8 @@ _PROTOTYPES = {
     "sd_start": (c_int32, [c_char_p, c_char_p, c_char_p, c_int32]),
     "sd_stop": (c_int64, []),
     "sd_get_state": (c_int32, [_P(RecorderState)]),
+    "sd_device_rate": (c_int32, []),
+    "sd_repair_count": (c_int32, []),
     "sd_output_latency_ms": (c_double, []),
     "ta_abi_version": (c_int32, []),
     "ta_analyze": (c_int32, [c_char_p, c_char_p, c_int32, c_int32, c_int32, _P(TakeAnalysis)]),

@@ -95,6 +95,16 @@ class Recorder:
         return s
 
     @property
+    def device_rate(self) -> int:
+        """The duplex device's own rate in Hz (0 before the first take)."""
+        return call("sd_device_rate")
+
+    @property
+    def repair_count(self) -> int:
+        """How many times the last take's alignment was repaired."""
+        return call("sd_repair_count")
+
+    @property
     def recording(self) -> bool:
         return bool(self.state().recording)
 
