@@ -226,29 +226,29 @@ BENCHMARK(clean_three_minutes)->Unit(benchmark::kSecond)->Iterations(2);
 
 struct Condition {
     const char* name;
-    ws::bench::SceneSpec spec;
+    ws::bench::SceneSetup setup;
 };
 
 std::vector<Condition> conditions() {
-    using ws::bench::SceneSpec;
+    using ws::bench::SceneSetup;
     std::vector<Condition> c;
-    SceneSpec living;  // RT60 0.5 s, 0.7 s long, player 10 dB over the leak
+    SceneSetup living;  // RT60 0.5 s, 0.7 s long, player 10 dB over the leak
     c.push_back({"living_room", living});
-    SceneSpec alone = living;
+    SceneSetup alone = living;
     alone.musician_db = -300.0;
     c.push_back({"living_room_no_player", alone});
-    SceneSpec usual = living;
+    SceneSetup usual = living;
     usual.rt60 = 0.25;
     usual.room_seconds = 0.35;
     for (double ppm : {0.0, 50.0, 100.0}) {
-        SceneSpec d = usual;
+        SceneSetup d = usual;
         d.drift_ppm = ppm;
         c.push_back({ppm == 0.0 ? "usual_room_0ppm" : ppm == 50.0 ? "usual_room_50ppm" : "usual_room_100ppm", d});
     }
-    SceneSpec jump = usual;
+    SceneSetup jump = usual;
     jump.jumps = {{0.4, 1504}};
     c.push_back({"usual_room_jump_1504", jump});
-    SceneSpec weak = usual;
+    SceneSetup weak = usual;
     weak.leak_rms = 0.25 * std::pow(10.0, -33.0 / 20.0);  // the player at -12 dBFS
     weak.musician_db = 33.0;
     c.push_back({"leak_33dB_under", weak});
@@ -261,11 +261,11 @@ std::vector<Condition> conditions() {
 void clean_condition(benchmark::State& state) {
     const Condition cond = conditions()[static_cast<size_t>(state.range(0))];
     state.SetLabel(cond.name);
-    const auto scene = ws::bench::make_scene(cond.spec);
+    const auto scene = ws::bench::make_scene(cond.setup);
     const auto dir = std::filesystem::temp_directory_path() / ("woodshed-bench-scene-" + std::to_string(std::random_device{}()));
     std::filesystem::create_directories(dir);
     const std::string backing = (dir / "backing.wav").string(), take = (dir / "take.wav").string();
-    const auto rate = static_cast<uint32_t>(cond.spec.rate);
+    const auto rate = static_cast<uint32_t>(cond.setup.rate);
     ws::bench::write_wav16(backing, scene.backing, rate);
     TakeAnalysis a{};
     TakeCleaning c{};
@@ -297,7 +297,7 @@ void clean_condition(benchmark::State& state) {
     state.counters["gain_dB"] = o.gain_db;
     state.counters["reported_dB"] = c.reduction_db;
     state.counters["delay"] = static_cast<double>(a.delay_frames);
-    state.counters["cpu_s_per_min"] = benchmark::Counter(cond.spec.seconds / 60.0, benchmark::Counter::kIsIterationInvariantRate |
+    state.counters["cpu_s_per_min"] = benchmark::Counter(cond.setup.seconds / 60.0, benchmark::Counter::kIsIterationInvariantRate |
                                                                                        benchmark::Counter::kInvert);
     state.counters["mem_ratio"] = peak / (2.0 * static_cast<double>(scene.take.size()) * sizeof(float) / (1024.0 * 1024.0));
 }

@@ -194,26 +194,26 @@ double energy(const float* x, size_t n) {
     return e;
 }
 
-Scene make_scene(const SceneSpec& spec) {
+Scene make_scene(const SceneSetup& setup) {
     Scene sc;
-    const auto n = static_cast<size_t>(spec.seconds * spec.rate);
-    sc.backing = backing_music(n, spec.rate, spec.seed);
+    const auto n = static_cast<size_t>(setup.seconds * setup.rate);
+    sc.backing = backing_music(n, setup.rate, setup.seed);
     quantise(sc.backing);
     // The backing as the take's clock sees it (a fast clock records more
     // frames per second of backing), through the room.
     std::vector<float> played = sc.backing;
-    if (spec.drift_ppm != 0.0) {
-        const double stretch = 1.0 + spec.drift_ppm * 1e-6;
+    if (setup.drift_ppm != 0.0) {
+        const double stretch = 1.0 + setup.drift_ppm * 1e-6;
         for (size_t t = 0; t < n; ++t) played[t] = static_cast<float>(interpolate(sc.backing, static_cast<double>(t) / stretch));
     }
-    const auto heard = fast_convolve(played, room(spec.rate, spec.rt60, spec.room_seconds, spec.seed + 1));
+    const auto heard = fast_convolve(played, room(setup.rate, setup.rt60, setup.room_seconds, setup.seed + 1));
     // The round trip: the first delay, then each jump moves it on from its
     // point (capture fell behind: the take skips ahead or holds back).
     sc.leak.assign(n, 0.0f);
-    int64_t delay = spec.delay;
+    int64_t delay = setup.delay;
     std::vector<std::pair<int64_t, int64_t>> changes;  // (from frame, delay)
     changes.emplace_back(0, delay);
-    for (const auto& j : spec.jumps) {
+    for (const auto& j : setup.jumps) {
         delay += j.size;
         const auto at = static_cast<int64_t>(j.at * static_cast<double>(n));
         changes.emplace_back(at, delay);
@@ -227,17 +227,17 @@ Scene make_scene(const SceneSpec& spec) {
             if (q >= 0 && q < static_cast<int64_t>(n)) sc.leak[static_cast<size_t>(t)] = heard[static_cast<size_t>(q)];
         }
     }
-    const double leak_gain = spec.leak_rms / std::sqrt(energy(sc.leak.data(), n) / static_cast<double>(n));
+    const double leak_gain = setup.leak_rms / std::sqrt(energy(sc.leak.data(), n) / static_cast<double>(n));
     for (auto& v : sc.leak) v *= static_cast<float>(leak_gain);
     sc.musician.assign(n, 0.0f);
-    if (spec.musician_db > -200.0) {
-        sc.musician = melody(n, spec.rate, spec.seed + 2);
-        const double want = spec.leak_rms * std::pow(10.0, spec.musician_db / 20.0);
+    if (setup.musician_db > -200.0) {
+        sc.musician = melody(n, setup.rate, setup.seed + 2);
+        const double want = setup.leak_rms * std::pow(10.0, setup.musician_db / 20.0);
         const double gain = want / std::sqrt(energy(sc.musician.data(), n) / static_cast<double>(n));
         for (auto& v : sc.musician) v *= static_cast<float>(gain);
     }
-    std::mt19937 rng(spec.seed + 3);
-    std::normal_distribution<double> gauss(0.0, spec.noise_rms);
+    std::mt19937 rng(setup.seed + 3);
+    std::normal_distribution<double> gauss(0.0, setup.noise_rms);
     sc.take.resize(n);
     for (size_t i = 0; i < n; ++i) sc.take[i] = sc.leak[i] + sc.musician[i] + static_cast<float>(gauss(rng));
     quantise(sc.take);

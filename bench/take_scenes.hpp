@@ -15,7 +15,7 @@
 
 namespace ws::bench {
 
-struct SceneSpec {
+struct SceneSetup {
     double rate = 44100.0;
     double seconds = 60.0;
     double rt60 = 0.5;            // reverberation time of the room, s
@@ -38,7 +38,7 @@ struct Scene {
     std::vector<int64_t> jump_frames;  // take frames where the round trip changes
 };
 
-Scene make_scene(const SceneSpec& spec);
+Scene make_scene(const SceneSetup& setup);
 
 // Backing or musician alone (the pieces of make_scene), peak about 0.5.
 std::vector<float> backing_music(size_t n, double rate, unsigned seed);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "cli.hpp"
+#include "json_out.hpp"
 #include "woodshed/takes.h"
 #include "woodshed/tuner.h"
 
@@ -41,25 +42,8 @@ Take read_take(const std::string& path) {
         for (size_t c = 0; c < ch; ++c) sum += interleaved[i * ch + c];
         t.mono[i] = sum / static_cast<float>(ch);
     }
-    if (t.mono.empty()) throw Failure("cannot decode '" + path + "': no audio in the file");
+    if (t.mono.empty()) input_error(path, "no audio in the file");
     return t;
-}
-
-std::string json_text(const std::string& s) {
-    std::string out = "\"";
-    for (const char c : s) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            char buf[8];
-            std::snprintf(buf, sizeof buf, "\\u%04x", c);
-            out += buf;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
 }
 
 void print_table(const std::vector<TakeReportNote>& notes, const TakeReportSummary& s, double rate) {
@@ -87,25 +71,32 @@ void print_table(const std::vector<TakeReportNote>& notes, const TakeReportSumma
                 100.0 * s.share_within_10_cents);
 }
 
-void print_json(const std::string& path, const std::vector<TakeReportNote>& notes,
-                const TakeReportSummary& s, double rate, double bpm) {
-    std::printf("{\"take\": %s, \"sample_rate\": %u, \"bpm\": %g, \"notes\": [", json_text(path).c_str(),
-                s.sample_rate, bpm);
-    for (size_t i = 0; i < notes.size(); ++i) {
-        const TakeReportNote& n = notes[i];
-        std::printf("%s\n  {\"onset_s\": %.6f, \"duration_s\": %.6f, \"bar\": %d, \"beat\": %d, "
-                    "\"step\": %d, \"deviation_ms\": %.2f, \"note\": %d, \"name\": %s, "
-                    "\"frequency_hz\": %.3f, \"cents\": %.2f, \"cents_spread\": %.2f}",
-                    i ? "," : "", static_cast<double>(n.onset_frame) / rate,
-                    static_cast<double>(n.duration_frames) / rate, n.bar, n.beat, n.step,
-                    n.deviation_ms, n.note, json_text(n.name).c_str(), n.frequency_hz, n.cents,
-                    n.cents_spread);
+void print_report_json(const std::string& path, const std::vector<TakeReportNote>& notes,
+                       const TakeReportSummary& s, double rate, double bpm) {
+    Json list = Json::array();
+    for (const TakeReportNote& n : notes) {
+        list.push_back({{"onset_s", static_cast<double>(n.onset_frame) / rate},
+                        {"duration_s", static_cast<double>(n.duration_frames) / rate},
+                        {"bar", n.bar},
+                        {"beat", n.beat},
+                        {"step", n.step},
+                        {"deviation_ms", n.deviation_ms},
+                        {"note", n.note},
+                        {"name", std::string(n.name)},
+                        {"frequency_hz", n.frequency_hz},
+                        {"cents", n.cents},
+                        {"cents_spread", n.cents_spread}});
     }
-    std::printf("%s],\n \"summary\": {\"notes\": %d, \"mean_abs_deviation_ms\": %.2f, "
-                "\"share_within_20ms\": %.4f, \"mean_abs_cents\": %.2f, "
-                "\"share_within_10_cents\": %.4f}}\n",
-                notes.empty() ? "" : "\n", s.notes, s.mean_abs_deviation_ms, s.share_within_20ms,
-                s.mean_abs_cents, s.share_within_10_cents);
+    print_json({{"take", path},
+                {"sample_rate", s.sample_rate},
+                {"bpm", bpm},
+                {"notes", list},
+                {"summary",
+                 {{"notes", s.notes},
+                  {"mean_abs_deviation_ms", s.mean_abs_deviation_ms},
+                  {"share_within_20ms", s.share_within_20ms},
+                  {"mean_abs_cents", s.mean_abs_cents},
+                  {"share_within_10_cents", s.share_within_10_cents}}}});
 }
 
 // Green within the tolerance a musician aims for, amber near it, red beyond.
@@ -220,11 +211,11 @@ void write_svg(const std::string& file, const Take& take, const std::vector<Take
         left, height - 12);
     s += "</svg>\n";
     FILE* f = open_file(file, "wb");
-    if (f == nullptr) throw Failure("cannot write '" + file + "'");
+    if (f == nullptr) output_error(file, "cannot be written");
     const bool ok = std::fwrite(s.data(), 1, s.size(), f) == s.size();
     if (std::fclose(f) != 0 || !ok) {
         remove_file(file);
-        throw Failure("cannot write '" + file + "'");
+        output_error(file, "cannot be written");
     }
 }
 
@@ -251,7 +242,7 @@ int run_report(std::span<const std::string> args) {
     if (auto v = opts.value("first-beat")) {
         grid.first_beat_frame = std::llround(parse_number("first-beat", *v, -3600, 1e6) * take.rate);
     }
-    if (take.mono.size() > static_cast<size_t>(INT32_MAX)) throw Failure("'" + path + "' is too long");
+    if (take.mono.size() > static_cast<size_t>(INT32_MAX)) input_error(path, "too long for a report");
     const int64_t frames = static_cast<int64_t>(take.mono.size());
     int32_t count = 0;
     TakeReportSummary summary{};
@@ -267,7 +258,7 @@ int run_report(std::span<const std::string> args) {
     notes.resize(static_cast<size_t>(count));
 
     if (opts.flag("json")) {
-        print_json(path, notes, summary, take.rate, bpm);
+        print_report_json(path, notes, summary, take.rate, bpm);
     } else {
         print_table(notes, summary, take.rate);
     }

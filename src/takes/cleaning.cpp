@@ -306,7 +306,7 @@ struct RestPiece {
 // under it and the runs of rest frames inside it.
 struct RestSegment {
     int64_t start = 0;
-    std::vector<cfloat> spec;
+    std::vector<cfloat> half;  // the hop's reference spectrum, bins 0..n/2
     std::vector<std::pair<uint32_t, uint32_t>> runs;
 };
 
@@ -377,15 +377,15 @@ std::vector<double> fit_on_rests(const std::vector<RestPiece>& pieces, const flo
             fill_real(full.data(), refs.data(), n, n);
             table.transform(full.data(), false);
             // A real signal's spectrum: half of it says all.
-            sg.spec.assign(full.begin(), full.begin() + static_cast<int64_t>(n / 2 + 1));
+            sg.half.assign(full.begin(), full.begin() + static_cast<int64_t>(n / 2 + 1));
             segs.push_back(std::move(sg));
         }
     }
     if (frames < 4.0 * static_cast<double>(taps) || !(leak_e > 0.0) || !(ref_e > 0.0)) return h;
     const double mu = (res_e / frames) * ref_e * sd_sum / leak_e;
 
-    const auto spec = [n](const RestSegment& sg, size_t f) {
-        return f < sg.spec.size() ? sg.spec[f] : std::conj(sg.spec[n - f]);
+    const auto bin = [n](const RestSegment& sg, size_t f) {
+        return f < sg.half.size() ? sg.half[f] : std::conj(sg.half[n - f]);
     };
     // out = A^T W (A x), or A^T W b when x is null. Two segments share each
     // transform pair: predictions as the real and imaginary parts of one
@@ -404,7 +404,7 @@ std::vector<double> fit_on_rests(const std::vector<RestPiece>& pieces, const flo
             const RestSegment* s2 = i + 1 < segs.size() ? &segs[i + 1] : nullptr;
             if (x != nullptr) {
                 const cfloat j1(0.0f, 1.0f);
-                for (size_t f = 0; f < n; ++f) w[f] = (spec(s1, f) + (s2 ? j1 * spec(*s2, f) : cfloat(0.0f, 0.0f))) * xf[f];
+                for (size_t f = 0; f < n; ++f) w[f] = (bin(s1, f) + (s2 ? j1 * bin(*s2, f) : cfloat(0.0f, 0.0f))) * xf[f];
                 table.transform(w.data(), true);
             }
             std::fill(z.begin(), z.end(), cfloat(0.0f, 0.0f));
@@ -424,8 +424,8 @@ std::vector<double> fit_on_rests(const std::vector<RestPiece>& pieces, const flo
             for (size_t f = 0; f < n; ++f) {
                 const cdouble zf(z[f]), zc = std::conj(cdouble(z[(n - f) % n]));
                 const cdouble e1 = 0.5 * (zf + zc);
-                cdouble v = std::conj(cdouble(spec(s1, f))) * e1;
-                if (s2) v += std::conj(cdouble(spec(*s2, f))) * (cdouble(0.0, -0.5) * (zf - zc));
+                cdouble v = std::conj(cdouble(bin(s1, f))) * e1;
+                if (s2) v += std::conj(cdouble(bin(*s2, f))) * (cdouble(0.0, -0.5) * (zf - zc));
                 acc[f] += v;
             }
         }
@@ -453,7 +453,7 @@ std::vector<double> fit_on_rests(const std::vector<RestPiece>& pieces, const flo
         for (const RestSegment& sg : segs) {
             double used = 0.0;
             for (const auto& rr : sg.runs) used += rr.second - rr.first;
-            for (size_t f = 0; f < n; ++f) inv_spec[f] += used * std::norm(spec(sg, f));
+            for (size_t f = 0; f < n; ++f) inv_spec[f] += used * std::norm(bin(sg, f));
         }
         for (size_t f = 0; f < n; ++f) mean += inv_spec[f];
         mean /= static_cast<double>(n);
