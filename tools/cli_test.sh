@@ -201,7 +201,7 @@ for c in tune tone click devices record align clean; do
 done
 if [ "$native" -eq 1 ]; then
   run --man
-  [ "$(grep -c '^\.SS ' <<< "$out")" -eq 8 ] && grep -q '^\.TH WOODSHED 1' <<< "$out"; verdict "man page"
+  [ "$(grep -c '^\.SS ' <<< "$out")" -eq 9 ] && grep -q '^\.TH WOODSHED 1' <<< "$out"; verdict "man page"
   build=$(dirname "$(dirname "${ws[last]}")")
   if [ -f "$build/CMakeCache.txt" ] && command -v cmake > /dev/null; then
     cmake --install "$build" --prefix "$PWD/prefix" > /dev/null 2>&1

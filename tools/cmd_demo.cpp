@@ -265,9 +265,11 @@ Recording load(const std::string& path) {
 // The notes of a recording as the tuner names them: readings every 20 ms
 // over the preceding quarter second; a run of one pitched note lasting
 // 0.2 s or more counts as a note played.
+// A note whose run breaks for under 0.15 s (a reading lost to the leak's
+// remainder, or a re-aligned take's seam) is still one note.
 struct HeardNote {
     int midi;
-    double start, cents;
+    double start, cents, end;
 };
 
 std::vector<HeardNote> notes_in(const std::string& path) {
@@ -281,13 +283,17 @@ std::vector<HeardNote> notes_in(const std::string& path) {
 
     std::vector<HeardNote> heard;
     int run_note = -1;
-    double run_start = 0.0;
+    double run_start = 0.0, run_end = 0.0;
     std::vector<double> run_cents;
     const auto close_run = [&] {
         if (run_note >= 0 && run_cents.size() >= 10) {
             std::nth_element(run_cents.begin(), run_cents.begin() + static_cast<std::ptrdiff_t>(run_cents.size() / 2),
                              run_cents.end());
-            heard.push_back({run_note, run_start, run_cents[run_cents.size() / 2]});
+            if (!heard.empty() && heard.back().midi == run_note && run_start - heard.back().end < 0.15) {
+                heard.back().end = run_end;
+            } else {
+                heard.push_back({run_note, run_start, run_cents[run_cents.size() / 2], run_end});
+            }
         }
         run_note = -1;
         run_cents.clear();
@@ -304,7 +310,10 @@ std::vector<HeardNote> notes_in(const std::string& path) {
             run_note = note;
             run_start = static_cast<double>(end) / rate;
         }
-        if (note >= 0) run_cents.push_back(r.cents);
+        if (note >= 0) {
+            run_cents.push_back(r.cents);
+            run_end = static_cast<double>(end) / rate;
+        }
     }
     close_run();
     return heard;

@@ -57,8 +57,8 @@ TEST(LeakFilterSolve, RecoversAKnownFilter) {
     for (size_t k = 0; k < n; ++k) EXPECT_NEAR(solved[k], h[k], 1e-6) << k;
 }
 
-b::SceneSpec spec(double seconds, double rt60, double room_seconds, double musician_db) {
-    b::SceneSpec s;
+b::SceneSetup setup(double seconds, double rt60, double room_seconds, double musician_db) {
+    b::SceneSetup s;
     s.seconds = seconds;
     s.rt60 = rt60;
     s.room_seconds = room_seconds;
@@ -83,7 +83,7 @@ TEST(Cleaning, ALongRoomComesOutFarBelowWhatTheFirst2048TapsCouldReach) {
     WS_SKIP_UNDER_TSAN();
     // RT60 0.5 s, 0.7 s long, a quiet player. Even a filter that knew the
     // first 2048 taps exactly would leave the rest of the room in the take.
-    b::SceneSpec s = spec(15, 0.5, 0.7, -20);
+    b::SceneSetup s = setup(15, 0.5, 0.7, -20);
     const auto sc = b::make_scene(s);
     auto room = b::room(kRate, s.rt60, s.room_seconds, s.seed + 1);
     const auto whole = b::fast_convolve(sc.backing, room);
@@ -98,7 +98,7 @@ TEST(Cleaning, ALongRoomComesOutFarBelowWhatTheFirst2048TapsCouldReach) {
 
 TEST(Cleaning, AWeakLeakIsNeverMadeWorseAndNoLeakLeavesTheTakeAlone) {
     WS_SKIP_UNDER_TSAN();
-    b::SceneSpec s = spec(15, 0.25, 0.35, 33);
+    b::SceneSetup s = setup(15, 0.25, 0.35, 33);
     s.leak_rms = 0.25 * std::pow(10.0, -33.0 / 20.0);
     const auto weak = b::make_scene(s);
     const Cleaned c = clean(weak, s.delay);
@@ -115,7 +115,7 @@ TEST(Cleaning, AWeakLeakIsNeverMadeWorseAndNoLeakLeavesTheTakeAlone) {
 
 TEST(Cleaning, AJumpIsFoundAndBothStretchesAreCleaned) {
     WS_SKIP_UNDER_TSAN();
-    b::SceneSpec s = spec(20, 0.25, 0.35, 0);
+    b::SceneSetup s = setup(20, 0.25, 0.35, 0);
     s.jumps = {{0.4, 1504}};
     const auto sc = b::make_scene(s);
     const Cleaned c = clean(sc, s.delay + 3);  // a host's delay a little off
@@ -141,7 +141,7 @@ TEST(Cleaning, AJumpIsFoundAndBothStretchesAreCleaned) {
 TEST(Cleaning, ADriftOfAHundredPpmIsCorrected) {
     WS_SKIP_UNDER_TSAN();
     // Corrected, it leaves about as much as the same take without drift.
-    b::SceneSpec s = spec(12, 0.25, 0.35, -20);
+    b::SceneSetup s = setup(12, 0.25, 0.35, -20);
     const Cleaned steady = clean(b::make_scene(s), s.delay);
     s.drift_ppm = 100;
     const Cleaned c = clean(b::make_scene(s), s.delay);
