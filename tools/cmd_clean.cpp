@@ -6,6 +6,7 @@
 // other take is cleaned in a private 16-bit copy beside the output, and the
 // result written back in the take's own WAV encoding, or as 16-bit WAV next
 // to it when the take is not a WAV (nothing here encodes FLAC or MP3).
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include <string>
 
 #include "cli.hpp"
+#include "json_out.hpp"
 #include "takes_cli.hpp"
 #include "wav_file.hpp"
 #include "woodshed/takes.h"
@@ -25,7 +27,7 @@ namespace cli {
 namespace {
 
 constexpr OptionSpec kSpecs[] = {{"delay", true}, {"from", true},   {"range", true},
-                                 {"force", false}, {"output", true}};
+                                 {"force", false}, {"output", true}, {"json", false}};
 
 // The take's own encoding when a WAV can hold it, else 16-bit PCM.
 WavEncoding encoding_of(const FileFacts& f) {
@@ -101,7 +103,9 @@ int run_clean(std::span<const std::string> args) {
     }
     const int32_t from_ms = takes::offset_ms(opts, backing);
     // Status lines go where the audio does not.
-    FILE* report = output == "-" ? stderr : stdout;
+    const bool json = opts.flag("json");
+    if (json && output == "-") throw UsageError("--json and --output - would both write to stdout");
+    FILE* report = output == "-" || json ? stderr : stdout;
 
     int64_t delay = 0;
     if (const auto given = opts.value("delay")) {
@@ -123,21 +127,54 @@ int run_clean(std::span<const std::string> args) {
     }
 
     TakeCleaning c{};
-    takes::check(ta_clean(backing.library_path.c_str(), take.library_path.c_str(), from_ms, delay, &c), backing,
-                 take);
-    if (c.cleaned != 1) {
-        std::fprintf(report, "left %s as it was: subtracting the backing would not make it quieter (delay %lld frames)\n",
-                     take_path.c_str(), static_cast<long long>(c.delay_frames));
-        // An asked-for output still gets the (unchanged) take; the take itself is not rewritten.
-        if (take.copy && output != take_path) write_back(take.library_path, output, encoding_of(take_facts));
-        takes::print_elapsed(start);
+    TakeCleaningDetail detail{};
+    TakeCleaningStretch stretches[64]{};
+    takes::check(ta_clean_detailed(backing.library_path.c_str(), take.library_path.c_str(), from_ms, delay, &c,
+                                   &detail, stretches, 64),
+                 backing, take);
+    const bool cleaned = c.cleaned == 1;
+    // An asked-for output gets the take either way; a take left alone is not rewritten.
+    if (take.copy && (cleaned || output != take_path)) write_back(take.library_path, output, encoding_of(take_facts));
+    const double rate = c.sample_rate > 0 ? c.sample_rate : 44100.0;
+    const int32_t shown = std::min<int32_t>(detail.stretches, 64);
+    if (json) {
+        Json list = Json::array();
+        for (int32_t i = 0; i < shown; ++i) {
+            list.push_back({{"start_s", static_cast<double>(stretches[i].start_frame) / rate},
+                            {"end_s", static_cast<double>(stretches[i].end_frame) / rate},
+                            {"delay_frames", stretches[i].delay_frames},
+                            {"cleaned", stretches[i].cleaned == 1}});
+        }
+        print_json({{"take", take_path},
+                    {"output", output},
+                    {"cleaned", cleaned},
+                    {"reduction_db", c.reduction_db},
+                    {"delay_frames", c.delay_frames},
+                    {"sample_rate", c.sample_rate},
+                    {"room_seconds", detail.room_seconds},
+                    {"rt60_seconds", detail.rt60_seconds},
+                    {"drift_ppm", detail.drift_ppm},
+                    {"stretches", list}});
         return kExitOk;
     }
-    // A copy was cleaned (any take but a 16-bit WAV replaced in place): its
-    // result goes to the output in the take's encoding.
-    if (take.copy) write_back(take.library_path, output, encoding_of(take_facts));
-    std::fprintf(report, "cleaned %s: %.1f dB removed (delay %lld frames)\n", take_path.c_str(), c.reduction_db,
-                 static_cast<long long>(c.delay_frames));
+    // One line per finding.
+    std::fprintf(report, "room: %.2f s of response covered (decay RT60 %.2f s)\n", detail.room_seconds,
+                 detail.rt60_seconds);
+    if (detail.drift_ppm != 0.0) std::fprintf(report, "clock drift corrected: %+.0f ppm\n", detail.drift_ppm);
+    for (int32_t i = 0; i < shown; ++i) {
+        std::fprintf(report, "stretch %d: %.2f-%.2f s, delay %lld frames, %s\n", static_cast<int>(i + 1),
+                     static_cast<double>(stretches[i].start_frame) / rate,
+                     static_cast<double>(stretches[i].end_frame) / rate,
+                     static_cast<long long>(stretches[i].delay_frames),
+                     stretches[i].cleaned == 1 ? "cleaned" : "left alone (subtraction would not help)");
+    }
+    if (cleaned) {
+        std::fprintf(report, "cleaned %s: %.1f dB removed (delay %lld frames)\n", take_path.c_str(), c.reduction_db,
+                     static_cast<long long>(c.delay_frames));
+    } else {
+        std::fprintf(report, "left %s as it was: subtracting the backing would not make it quieter (delay %lld frames)\n",
+                     take_path.c_str(), static_cast<long long>(c.delay_frames));
+    }
     if (output != take_path) std::fprintf(report, "written to %s\n", output == "-" ? "stdout" : output.c_str());
     takes::print_elapsed(start);
     return kExitOk;
@@ -169,6 +206,8 @@ const Command kCleanCommand = {
     "  --force            clean even when the delay found is not trustworthy\n"
     "  --output FILE      write the cleaned take here ('-': stdout) and leave\n"
     "                     the take as it is\n"
+    "  --json             print what was found as one JSON object (room, drift,\n"
+    "                     stretches of one delay each, dB removed)\n"
     "  -h, --help         show this help\n"
     "\n"
     "Exit status: 0 cleaned, 1 no trustworthy delay (nothing changed), 2 bad\n"

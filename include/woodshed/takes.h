@@ -126,6 +126,52 @@ WS_STATIC_ASSERT(offsetof(TakeCleaning, cleaned) == 28, "TakeCleaning.cleaned");
 WS_API int32_t ta_clean(const char* reference_path, const char* take_path,
                         int32_t reference_offset_ms, int64_t delay_frames, TakeCleaning* out) WS_NOEXCEPT;
 
+/* What ta_clean_detailed found (32 bytes). All zero unless the call succeeded. */
+typedef struct TakeCleaningDetail {
+    double room_seconds;   /* 0: length of the room response the leak filter covered */
+    double rt60_seconds;   /* 8: the room's decay (RT60) the estimate assumed */
+    double drift_ppm;      /* 16: clock drift corrected (positive: the take runs long); 0 for none */
+    int32_t stretches;     /* 24: stretches of one round trip found (more than the room given
+                                   when the array was short) */
+    int32_t reserved;      /* 28: zero */
+} TakeCleaningDetail;
+
+WS_STATIC_ASSERT(sizeof(TakeCleaningDetail) == 32, "TakeCleaningDetail is 32 bytes");
+WS_STATIC_ASSERT(offsetof(TakeCleaningDetail, room_seconds) == 0, "TakeCleaningDetail.room_seconds");
+WS_STATIC_ASSERT(offsetof(TakeCleaningDetail, rt60_seconds) == 8, "TakeCleaningDetail.rt60_seconds");
+WS_STATIC_ASSERT(offsetof(TakeCleaningDetail, drift_ppm) == 16, "TakeCleaningDetail.drift_ppm");
+WS_STATIC_ASSERT(offsetof(TakeCleaningDetail, stretches) == 24, "TakeCleaningDetail.stretches");
+WS_STATIC_ASSERT(offsetof(TakeCleaningDetail, reserved) == 28, "TakeCleaningDetail.reserved");
+
+/* One stretch of the take heard through one round trip (32 bytes): the
+ * round trip jumps between stretches (a sound server that fell behind). */
+typedef struct TakeCleaningStretch {
+    int64_t start_frame;   /* 0: first take frame */
+    int64_t end_frame;     /* 8: one past the last */
+    int64_t delay_frames;  /* 16: the round trip in this stretch */
+    int32_t cleaned;       /* 24: 1 if subtraction lowered it, 0 if it was left alone */
+    int32_t reserved;      /* 28: zero */
+} TakeCleaningStretch;
+
+WS_STATIC_ASSERT(sizeof(TakeCleaningStretch) == 32, "TakeCleaningStretch is 32 bytes");
+WS_STATIC_ASSERT(offsetof(TakeCleaningStretch, start_frame) == 0, "TakeCleaningStretch.start_frame");
+WS_STATIC_ASSERT(offsetof(TakeCleaningStretch, end_frame) == 8, "TakeCleaningStretch.end_frame");
+WS_STATIC_ASSERT(offsetof(TakeCleaningStretch, delay_frames) == 16, "TakeCleaningStretch.delay_frames");
+WS_STATIC_ASSERT(offsetof(TakeCleaningStretch, cleaned) == 24, "TakeCleaningStretch.cleaned");
+WS_STATIC_ASSERT(offsetof(TakeCleaningStretch, reserved) == 28, "TakeCleaningStretch.reserved");
+
+/* ta_clean, and what it found: the room length and decay it used, the
+ * drift it corrected, and up to `capacity` stretches of one round trip
+ * each (stretches may be NULL when capacity is 0; detail->stretches says
+ * how many there were). The take is handled exactly as by ta_clean, with
+ * the same results; -3 also for a NULL detail, capacity < 0, or NULL
+ * stretches with capacity > 0 (nothing written but the cleared records).
+ * No lock; any thread. */
+WS_API int32_t ta_clean_detailed(const char* reference_path, const char* take_path,
+                                 int32_t reference_offset_ms, int64_t delay_frames,
+                                 TakeCleaning* out, TakeCleaningDetail* detail,
+                                 TakeCleaningStretch* stretches, int32_t capacity) WS_NOEXCEPT;
+
 /*
  * The practice report: the notes of a take, each placed against a beat grid
  * (was it in time?) and measured in cents (was it in tune?).

@@ -57,8 +57,23 @@ int32_t analyze(const char* reference_path, const char* take_path, int32_t offse
 // of the cleaning cannot overflow.
 constexpr int64_t kMaxDelayFrames = int64_t{1} << 40;
 
+// What the cleaning found, for a host that shows it (all zero on failure).
+void describe(const ws::takes::CleanReport& report, uint32_t rate, TakeCleaningDetail* detail,
+              TakeCleaningStretch* stretches, int32_t capacity) {
+    if (detail == nullptr) return;
+    detail->room_seconds = static_cast<double>(report.taps) / rate;
+    detail->rt60_seconds = report.rt60;
+    detail->drift_ppm = report.drift * 1e6;
+    detail->stretches = static_cast<int32_t>(report.stretches.size());
+    for (int32_t i = 0; i < capacity && i < detail->stretches; ++i) {
+        const ws::takes::Stretch& st = report.stretches[static_cast<size_t>(i)];
+        stretches[i] = TakeCleaningStretch{st.start, st.end, st.delay, st.cleaned ? 1 : 0, 0};
+    }
+}
+
 int32_t clean(const char* reference_path, const char* take_path, int32_t offset_ms,
-              int64_t delay_frames, TakeCleaning* out) {
+              int64_t delay_frames, TakeCleaning* out, TakeCleaningDetail* detail,
+              TakeCleaningStretch* stretches, int32_t capacity) {
     if (delay_frames < -kMaxDelayFrames || delay_frames > kMaxDelayFrames) return ws_invalid_argument;
     ws::takes::restore_stranded_backup(take_path);
     Loaded l;
@@ -72,6 +87,7 @@ int32_t clean(const char* reference_path, const char* take_path, int32_t offset_
     std::vector<float>().swap(l.reference);  // the writer needs only the take
     out->delay_frames = report.stretches.empty() ? delay_frames : report.stretches.front().delay;
     out->sample_rate = l.rate;
+    describe(report, l.rate, detail, stretches, capacity);
     if (!report.changed) return ws_ok;  // nothing helped: the take stays as it is on disk
     if (!ws::takes::store_take_wav_safely(take_path, l.take.data(), l.take.size(),
                                           static_cast<int32_t>(l.rate))) {
@@ -101,18 +117,45 @@ extern "C" WS_API int32_t ta_analyze(const char* reference_path, const char* tak
     }
 }
 
+namespace {
+int32_t clean_guarded(const char* reference_path, const char* take_path, int32_t reference_offset_ms,
+                      int64_t delay_frames, TakeCleaning* out, TakeCleaningDetail* detail,
+                      TakeCleaningStretch* stretches, int32_t capacity) noexcept {
+    const auto clear = [&] {
+        std::memset(out, 0, sizeof *out);
+        if (detail != nullptr) std::memset(detail, 0, sizeof *detail);
+    };
+    clear();
+    if (reference_path == nullptr || take_path == nullptr) return ws_invalid_argument;
+    try {
+        const int32_t rc = clean(reference_path, take_path, reference_offset_ms, delay_frames, out,
+                                 detail, stretches, capacity);
+        if (rc != ws_ok) clear();
+        return rc;
+    } catch (...) {
+        clear();
+        return ws_unsupported_format;
+    }
+}
+}  // namespace
+
 extern "C" WS_API int32_t ta_clean(const char* reference_path, const char* take_path,
                                    int32_t reference_offset_ms, int64_t delay_frames,
                                    TakeCleaning* out) WS_NOEXCEPT {
     if (out == nullptr) return ws_invalid_argument;
-    std::memset(out, 0, sizeof *out);
-    if (reference_path == nullptr || take_path == nullptr) return ws_invalid_argument;
-    try {
-        const int32_t rc = clean(reference_path, take_path, reference_offset_ms, delay_frames, out);
-        if (rc != ws_ok) std::memset(out, 0, sizeof *out);
-        return rc;
-    } catch (...) {
-        std::memset(out, 0, sizeof *out);
-        return ws_unsupported_format;
+    return clean_guarded(reference_path, take_path, reference_offset_ms, delay_frames, out, nullptr,
+                         nullptr, 0);
+}
+
+extern "C" WS_API int32_t ta_clean_detailed(const char* reference_path, const char* take_path,
+                                            int32_t reference_offset_ms, int64_t delay_frames,
+                                            TakeCleaning* out, TakeCleaningDetail* detail,
+                                            TakeCleaningStretch* stretches,
+                                            int32_t capacity) WS_NOEXCEPT {
+    if (out == nullptr || detail == nullptr || capacity < 0 || (stretches == nullptr && capacity > 0)) {
+        if (out != nullptr) std::memset(out, 0, sizeof *out);
+        return ws_invalid_argument;
     }
+    return clean_guarded(reference_path, take_path, reference_offset_ms, delay_frames, out, detail,
+                         stretches, capacity);
 }

@@ -14,7 +14,7 @@ from dataclasses import dataclass
 from typing import Optional, Union
 
 from ._records import (DeviceRecord, MetronomeConfig, MetronomeSnapshot, MetronomeStatus, RecorderState,
-                       TakeAnalysis, TakeCleaning, TakeReportGrid, TakeReportNote, TakeReportSummary,
+                       TakeAnalysis, TakeCleaning, TakeCleaningDetail, TakeCleaningStretch, TakeReportGrid, TakeReportNote, TakeReportSummary,
                        TunerConfig, TunerReading, TunerStatus)
 
 ABI_VERSION = 1  # the interface these declarations describe
@@ -104,6 +104,8 @@ _PROTOTYPES = {
     "ta_abi_version": (c_int32, []),
     "ta_analyze": (c_int32, [c_char_p, c_char_p, c_int32, c_int32, c_int32, _P(TakeAnalysis)]),
     "ta_clean": (c_int32, [c_char_p, c_char_p, c_int32, c_int64, _P(TakeCleaning)]),
+    "ta_clean_detailed": (c_int32, [c_char_p, c_char_p, c_int32, c_int64, _P(TakeCleaning),
+                                    _P(TakeCleaningDetail), _P(TakeCleaningStretch), c_int32]),
     "ta_report": (c_int32, [c_char_p, _P(TunerConfig), _P(TakeReportGrid), _P(TakeReportNote), _P(c_int32),
                             _P(TakeReportSummary)]),
     "ta_report_buffer": (c_int32, [_P(c_float), c_int64, c_int32, _P(TunerConfig), _P(TakeReportGrid),

@@ -306,6 +306,26 @@ class TakeCleaning(_Record):
     ]
 
 
+class TakeCleaningDetail(_Record):
+    _fields_ = [
+        ("room_seconds", c_double),
+        ("rt60_seconds", c_double),
+        ("drift_ppm", c_double),
+        ("stretches", c_int32),
+        ("reserved", c_int32),
+    ]
+
+
+class TakeCleaningStretch(_Record):
+    _fields_ = [
+        ("start_frame", c_int64),
+        ("end_frame", c_int64),
+        ("delay_frames", c_int64),
+        ("cleaned", c_int32),
+        ("reserved", c_int32),
+    ]
+
+
 class TakeReportGrid(_Record):
     _fields_ = [
         ("tempo_ubpm", c_int64),
@@ -377,6 +397,10 @@ LAYOUTS = {
                           ("valid", 28)]),
     TakeCleaning: ({32}, [("reserved", 0), ("reduction_db", 8), ("delay_frames", 16), ("sample_rate", 24),
                           ("cleaned", 28)]),
+    TakeCleaningDetail: ({32}, [("room_seconds", 0), ("rt60_seconds", 8), ("drift_ppm", 16),
+                                ("stretches", 24), ("reserved", 28)]),
+    TakeCleaningStretch: ({32}, [("start_frame", 0), ("end_frame", 8), ("delay_frames", 16),
+                                 ("cleaned", 24), ("reserved", 28)]),
     TakeReportGrid: ({24}, [("tempo_ubpm", 0), ("first_beat_frame", 8), ("beats_per_bar", 16),
                             ("subdivision", 20)]),
     TakeReportNote: ({80}, [("onset_frame", 0), ("duration_frames", 8), ("grid_frame", 16),
