@@ -12,7 +12,7 @@ from ._lib import (ABI_VERSION, ERRORS, AccessDenied, AlreadyCreated, BackendIni
                    library_path)
 from ._records import (ClickState, DeviceRecord, DeviceState, EngineState, Level, MetronomeConfig,
                        MetronomeSnapshot, MetronomeStatus, RampMode, ReadingState, RecorderState, TakeAnalysis,
-                       TakeCleaning, TakeReportGrid, TakeReportNote, TakeReportSummary, TunerConfig,
+                       TakeCleaning, TakeCleaningDetail, TakeCleaningStretch, TakeReportGrid, TakeReportNote, TakeReportSummary, TunerConfig,
                        TunerReading, TunerStatus)
 from .metronome import Metronome, render_metronome
 from .recorder import SAMPLE_RATE as RECORDER_SAMPLE_RATE
@@ -26,7 +26,7 @@ __all__ = [
     "DeviceFailure", "InvalidArgument", "NoDevice", "NotCreated", "UnsupportedFormat", "WoodshedError",
     "library_path", "ClickState", "DeviceRecord", "DeviceState", "EngineState", "Level", "MetronomeConfig",
     "MetronomeSnapshot", "MetronomeStatus", "RampMode", "ReadingState", "RecorderState", "TakeAnalysis",
-    "TakeCleaning", "TakeReportGrid", "TakeReportNote", "TakeReportSummary", "TunerConfig", "TunerReading", "TunerStatus", "Metronome", "render_metronome",
+    "TakeCleaning", "TakeCleaningDetail", "TakeCleaningStretch", "TakeReportGrid", "TakeReportNote", "TakeReportSummary", "TunerConfig", "TunerReading", "TunerStatus", "Metronome", "render_metronome",
     "RECORDER_SAMPLE_RATE", "Backend", "Recorder", "output_latency_ms", "analyze_take", "clean_take", "report_take", "Tuner",
     "capabilities", "track_offline", "tune_offline",
 ]
