@@ -104,6 +104,13 @@ MUTATIONS = [
     ("src/takes/cleaning.cpp", "residual = static_cast<double>(peak + 2048) + delta;", 1, "residual = static_cast<double>(peak + 2048) - delta;"),
     ("src/takes/cleaning.cpp", "for (size_t k = 1; k < kTaps; ++k) c[kSmallFft - k]", 1, "for (size_t k = kTaps; k < kTaps; ++k) c[kSmallFft - k]"),
     ("src/takes/cleaning.cpp", "v -= x[kTaps + k].real();", 1, "v -= x[kTaps + k - 1].real();"),
+    ("src/takes/cleaning.cpp", "b.size() < kMinCleanFrames", 1, "b.size() <= kMinCleanFrames"),
+    ("src/takes/cleaning.cpp", "|| na == 0) return false;", 1, ") return false;"),
+    ("src/takes/cleaning.cpp", "if (first.autoc[0] < 1e-9 ||", 1, "if (first.autoc[0] < -1.0 ||"),
+    ("src/takes/cleaning.cpp", "report.changed = before > 0.0;", 1, "report.changed = true;"),
+    ("src/takes/cleaning.cpp", "10.0 * std::log10(before / after)", 1, "10.0 * std::log10(after / before)"),
+    ("src/takes/fft.hpp", "(inverse ? kTwoPi : -kTwoPi)", 1, "(inverse ? -kTwoPi : kTwoPi)"),
+    ("src/takes/fft.hpp", "static_cast<T>(1.0 / static_cast<double>(n));", 1, "static_cast<T>(1.0);"),
     ("src/takes/analysis.cpp", "&& delay <= max_delay;", 1, ";"),
 ]
 

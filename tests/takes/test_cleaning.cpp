@@ -150,28 +150,4 @@ TEST(Cleaning, ADriftOfAHundredPpmIsCorrected) {
     EXPECT_GT(c.outcome.reduction_db, steady.outcome.reduction_db - 3.0) << steady.outcome.reduction_db;
 }
 
-TEST(Cleaning, ASilentBackingLeavesTheTakeAlone) {
-    const std::vector<float> silent(50000, 0.0f);
-    const auto take = ws::test::takes::music(50000, kRate, 3);
-    auto cleaned = take;
-    CleanReport report;
-    ASSERT_TRUE(clean_take(silent.data(), silent.size(), cleaned, 100, kRate, report));
-    EXPECT_EQ(cleaned, take);
-    EXPECT_FALSE(report.changed);
-    EXPECT_EQ(report.reduction_db, 0.0);
-}
-
-TEST(Cleaning, RefusesTooShortATakeOrAnEmptyReference) {
-    const auto ref = ws::test::takes::music(20000, kRate, 4);
-    auto take = ws::test::takes::delayed(ref, 10, 8191);
-    const auto before = take;
-    CleanReport report;
-    EXPECT_FALSE(clean_take(ref.data(), ref.size(), take, 10, kRate, report));
-    EXPECT_EQ(take, before);
-    take = ws::test::takes::delayed(ref, 10, 8192);
-    EXPECT_TRUE(clean_take(ref.data(), ref.size(), take, 10, kRate, report));
-    EXPECT_FALSE(clean_take(ref.data(), 0, take, 10, kRate, report));
-    EXPECT_FALSE(clean_take(nullptr, 100, take, 10, kRate, report));
-}
-
 }  // namespace

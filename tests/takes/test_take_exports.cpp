@@ -205,6 +205,8 @@ TEST(TakeExports, CleanRefusesTooShortATakeOrAnEmptyReference) {
     Files g(44100, 20000, 0, 10);
     EXPECT_EQ(ta_clean(g.ref.c_str(), g.take.c_str(), 1000, 10, &c), ws_invalid_argument);
     EXPECT_TRUE(all_zero(c));
+    Files h(44100, 8192, 0, 10);  // one frame more is enough
+    EXPECT_EQ(ta_clean(h.ref.c_str(), h.take.c_str(), 0, 10, &c), ws_ok);
 }
 
 // A take an older version left only as its backup is cleaned again: the

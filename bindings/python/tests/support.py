@@ -7,7 +7,6 @@ import math
 import os
 import random
 import socket
-import subprocess
 import sys
 import tempfile
 import time
@@ -90,26 +89,3 @@ class LiveTest(unittest.TestCase):
     def tearDownClass(cls):
         cls.tmp.cleanup()
 
-
-class Tone:
-    """A sine played into the test sink for a while (pacat reads it from a file)."""
-
-    def __init__(self, directory: str, freq: float, seconds: float, rate: int = 48000, amp: float = 0.5):
-        self.path = os.path.join(directory, f"tone-{freq:g}.f32")
-        data = sine(freq, rate, int(seconds * rate), amp)
-        if sys.byteorder == "big":
-            data.byteswap()
-        with open(self.path, "wb") as f:
-            f.write(data.tobytes())
-        self.command = ["pacat", "--playback", "--raw", "--format=float32le", f"--rate={rate}", "--channels=1",
-                        f"--device={SINK}", "--latency-msec=20"]
-
-    def __enter__(self):
-        with open(self.path, "rb") as f:
-            self.process = subprocess.Popen(self.command, stdin=f, stdout=subprocess.DEVNULL,
-                                            stderr=subprocess.DEVNULL)
-        return self
-
-    def __exit__(self, *exc):
-        self.process.terminate()
-        self.process.wait(timeout=10)

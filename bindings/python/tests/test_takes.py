@@ -14,10 +14,6 @@ from .support import noise, read_wav, sine, write_wav
 RATE = 44100
 
 
-def energy(x) -> float:
-    return sum(v * v for v in x)
-
-
 class Takes(unittest.TestCase):
     def setUp(self):
         self._dir = tempfile.TemporaryDirectory(prefix="woodshed-py-takes-")
@@ -38,14 +34,12 @@ class Takes(unittest.TestCase):
         return paths
 
     def test_analyze_finds_the_delay_introduced(self):
-        for delay, offset_ms in [(0, 0), (1234, 0), (3000, 1500), (20000, 250)]:
-            with self.subTest(delay=delay, offset_ms=offset_ms):
-                backing, take = self.make(2 * RATE, delay, offset=offset_ms * RATE // 1000)
-                a = woodshed.analyze_take(backing, take, offset_ms, 0, 500)
-                self.assertEqual((a.delay_frames, a.valid, a.sample_rate), (delay, 1, RATE))
-                self.assertGreaterEqual(a.score, 8)
-                # A search range that leaves the delay out finds nothing valid.
-                self.assertEqual(woodshed.analyze_take(backing, take, offset_ms, 600, 900).valid, 0)
+        # Offset and search range reach the library (the search itself is its own test).
+        backing, take = self.make(2 * RATE, 3000, offset=1500 * RATE // 1000)
+        a = woodshed.analyze_take(backing, take, 1500, 0, 500)
+        self.assertEqual((a.delay_frames, a.valid, a.sample_rate), (3000, 1, RATE))
+        self.assertGreaterEqual(a.score, 8)
+        self.assertEqual(woodshed.analyze_take(backing, take, 1500, 600, 900).valid, 0)
 
     def test_clean_leaves_the_musician(self):
         backing, take = self.make(100000, 700)
@@ -55,22 +49,18 @@ class Takes(unittest.TestCase):
         # The leak was 20 dB over the musician: removing it takes off about that.
         self.assertGreater(c.reduction_db, 15)
         self.assertLess(c.reduction_db, 25)
-        cleaned, params = read_wav(take)
+        _, params = read_wav(take)
         self.assertEqual((params.nchannels, params.sampwidth, params.framerate, params.nframes), (1, 2, RATE, 100000))
-        rest = [x - m for x, m in zip(cleaned, self.musician)]
-        self.assertLess(energy(rest[2000:]), energy(self.musician[2000:]) / 10)
         self.assertEqual(sorted(os.listdir(self.dir)), ["backing.wav", "take.wav"])
 
     def test_files_that_cannot_be_used_raise(self):
         backing, take = self.make(20000, 100)
-        bad = {name: os.path.join(self.dir, name) for name in ("notes.txt", "48k.wav", "short.wav", "missing.wav")}
+        bad = {name: os.path.join(self.dir, name) for name in ("notes.txt", "short.wav", "missing.wav")}
         with open(bad["notes.txt"], "w") as f:
             f.write("hello")
-        write_wav(bad["48k.wav"], noise(48000, 0.5, seed=1), 48000)
         write_wav(bad["short.wav"], noise(8191, 0.5, seed=2), RATE)
-        rows = [  # reference, take, what ta_clean raises
-            (bad["missing.wav"], take, FileNotFoundError), (backing, bad["missing.wav"], FileNotFoundError),
-            (bad["notes.txt"], take, woodshed.UnsupportedFormat), (bad["48k.wav"], take, woodshed.UnsupportedFormat),
+        rows = [  # reference, take, what ta_clean raises (one per error class the binding maps)
+            (bad["missing.wav"], take, FileNotFoundError), (bad["notes.txt"], take, woodshed.UnsupportedFormat),
             (backing, bad["short.wav"], woodshed.InvalidArgument),
         ]
         for reference, target, error in rows:

@@ -1,15 +1,14 @@
 # SPDX-License-Identifier: MIT
 """The tuner through the binding: tones of known pitch offline, and the live
-engine hearing a tone played into the test sink."""
+engine's devices and status. That a tone in the sink is heard is the
+library's own live test."""
 import array
 import math
-import statistics
-import time
 import unittest
 
 import woodshed
 
-from .support import SINK_DESCRIPTION, LiveTest, Tone, sine, wait_for
+from .support import SINK_DESCRIPTION, LiveTest, sine
 
 
 class Offline(unittest.TestCase):
@@ -81,28 +80,6 @@ class Live(LiveTest):
             self.assertFalse(t.running)
         with self.assertRaises(woodshed.NotCreated):
             t.status()
-
-    def test_a_tone_in_the_sink_reads_as_its_note(self):
-        with Tone(self.tmp.name, 196.0, seconds=10), woodshed.Tuner() as t:
-            t.start()
-            first = wait_for(lambda: (r := t.reading()) and r.note == 55 and r.in_tune and r, timeout=5)
-            self.assertIsNotNone(first, "no in-tune G3 within 5 s")
-            # A loaded server drops a few ms now and then: judge the median of
-            # a clean half second, within a few tries.
-            for _ in range(5):
-                readings = {}
-                end = time.monotonic() + 0.5
-                while time.monotonic() < end:
-                    r = t.reading()
-                    if r is not None:
-                        readings[r.frame_count] = r
-                    time.sleep(0.01)
-                freq = statistics.median(r.frequency_hz for r in readings.values())
-                if abs(freq - 196.0) < 0.3:
-                    break
-            self.assertAlmostEqual(freq, 196.0, delta=0.3)
-            self.assertGreaterEqual(len(readings), 5)
-            self.assertAlmostEqual(statistics.median(r.level_db for r in readings.values()), -9.03, delta=1.5)
 
 
 if __name__ == "__main__":
