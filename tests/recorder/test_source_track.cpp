@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <numbers>
 #include <string>
 #include <vector>
 
@@ -153,7 +154,7 @@ TEST(SourceTrack, TheTrackComesOutAtTheDeviceRate) {
         for (size_t i = 0; i < r.frames_in; ++i) {
             for (int c = 0; c < r.channels; ++c) {
                 s[i * r.channels + c] = static_cast<int16_t>((c == 0 ? 8000 : -8000) *
-                                                             std::sin(2 * M_PI * 440.0 * static_cast<double>(i) / r.rate));
+                                                             std::sin(2 * std::numbers::pi * 440.0 * static_cast<double>(i) / r.rate));
             }
         }
         const std::vector<uint8_t> b = pcm16_wav(static_cast<uint16_t>(r.channels), r.rate, s);
