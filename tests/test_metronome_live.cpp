@@ -104,8 +104,12 @@ TEST_F(MetronomeLive, EveryClickLandsOnItsScheduledFrame) {
         // second more covers the output's own buffer (larger on Windows),
         // which a stop discards.
         const uint64_t enough = uint64_t(kPulses) * s.sample_rate * 60 / 110 + s.sample_rate / 2;
+        // And never less than the pulses' own time: a back end may render
+        // far ahead of what is heard (Windows does at start).
+        const auto began = std::chrono::steady_clock::now();
         MetronomeSnapshot snap{};
         EXPECT_TRUE(wait_for([&] { return mn_get_snapshot(&snap) == 1 && snap.frame_clock >= enough; }, 14000ms));
+        std::this_thread::sleep_until(began + std::chrono::milliseconds(kPulses * 60000 / 110 + 500));
         mn_stop();
         std::this_thread::sleep_for(300ms);  // what was rendered reaches the sink
         rec.stop();
