@@ -65,7 +65,7 @@ LoadResult decode_source_wav(const uint8_t* bytes, size_t size, uint32_t rate, S
     if (std::memcmp(bytes, "RIFF", 4) != 0 || std::memcmp(bytes + 8, "WAVE", 4) != 0) return LoadResult::unreadable;
     const WavLayout w = walk_chunks(bytes, size);
     if (!w.have_data || w.bits != 16 || (w.channels != 1 && w.channels != 2) ||
-        w.rate < kMinSourceRate || rate == 0) {
+        w.rate < kMinSourceRate || w.rate > kMaxSourceRate || rate == 0) {
         return LoadResult::unreadable;
     }
 

@@ -21,6 +21,9 @@ inline constexpr uint32_t kRecorderRate = 44100;
 inline constexpr int64_t kMinSourceBytes = 45;
 inline constexpr int64_t kMaxSourceBytes = 700LL * 1048576;
 inline constexpr uint32_t kMinSourceRate = 8000;
+// Above this no audio file is made; a header claiming more is damaged, and
+// converting from it would need a filter longer than the track.
+inline constexpr uint32_t kMaxSourceRate = 768000;
 // The converted track may take at most this much memory: a small file at a
 // low rate expands many times over at the device rate.
 inline constexpr uint64_t kMaxTrackBytes = uint64_t{2} << 30;
