@@ -32,7 +32,7 @@ ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 TREE = os.path.join(ROOT, "build", "mutate-tree")
 BUILD = os.path.join(TREE, "build", "mutate")
 
-TESTS = ["test_frame", "test_ring", "test_nsdf", "test_tuner", "test_abi", "test_metronome",
+TESTS = ["test_frame", "test_nsdf", "test_tuner", "test_abi", "test_metronome",
          "test_metronome_realtime", "test_metronome_abi", "test_recorder", "test_takes",
          "test_takes_abi"]
 TEST_TIMEOUT = 120

@@ -13,12 +13,13 @@
 #include <vector>
 
 #include "recorder/core.hpp"
-#include "recorder_files.hpp"
+#include "files.hpp"
+#include "signals.hpp"
 
 namespace {
 
 using namespace ws::recorder;
-using namespace ws::test::recorder;
+using namespace ws::test;
 
 constexpr uint32_t kPeriod = 441;
 
@@ -31,14 +32,14 @@ protected:
             s[2 * i] = static_cast<int16_t>(i);
             s[2 * i + 1] = static_cast<int16_t>(-i);
         }
-        write_bytes(track_file_, pcm16_wav(2, 44100, s));
+        write_file(track_file_, pcm16_wav(2, 44100, s));
     }
     std::vector<float> play(uint32_t frames, const float* in = nullptr) {
         std::vector<float> out(2 * frames, 99.0f);
         core_.process(out.data(), in, frames);
         return out;
     }
-    ScratchDir dir_{"core"};
+    TempDir dir_;
     std::string track_file_;
     RecorderCore core_;
 };
@@ -148,7 +149,7 @@ TEST_F(CoreTest, ADroppedPeriodStillCountsAsCapturedButLeavesThePeak) {
 // ---- under load ---------------------------------------------------------
 
 TEST(RecorderLoad, WithoutDropsEverySampleArrivesInOrder) {
-    ScratchDir dir("order");
+    TempDir dir;
     const std::string path = dir.file("t.wav");
     RecorderCore core;
     ASSERT_TRUE(core.take().create(path.c_str()));
@@ -193,9 +194,9 @@ TEST(RecorderLoad, WithoutDropsEverySampleArrivesInOrder) {
 TEST(RecorderAlignment, AMovedRoundTripIsRepairedWhereItMoved) {
     constexpr uint32_t kDevice = 48000, kBlock = 480;
     constexpr int kDelay = 960;  // 20 ms: 882 frames at 44100 Hz
-    ScratchDir dir("seam");
+    TempDir dir;
     const std::vector<int16_t> noise = noise16(10 * 44100, 12000, 21);
-    write_bytes(dir.file("b.wav"), pcm16_wav(1, 44100, noise));
+    write_file(dir.file("b.wav"), pcm16_wav(1, 44100, noise));
     RecorderCore core;
     core.set_device_rate(kDevice);
     ASSERT_EQ(core.load_track(dir.file("b.wav").c_str()), LoadResult::ok);

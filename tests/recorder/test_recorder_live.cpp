@@ -32,7 +32,8 @@
 #  endif
 #endif
 
-#include "recorder_files.hpp"
+#include "files.hpp"
+#include "signals.hpp"
 #include "sound_server.hpp"
 #include "woodshed/recorder.h"
 #include "woodshed/tuner.h"
@@ -40,7 +41,7 @@
 namespace {
 
 using namespace std::chrono_literals;
-using namespace ws::test::recorder;
+using namespace ws::test;
 using ws::test::wait_for;
 using ws::test::ServerLog;
 
@@ -129,7 +130,7 @@ protected:
     // A mono 16-bit backing track of white noise at 44100 Hz.
     std::string backing(const std::vector<int16_t>& samples, const std::string& name = "backing.wav") {
         const std::string path = dir_.file(name);
-        write_bytes(path, pcm16_wav(1, kRate, samples));
+        write_file(path, pcm16_wav(1, kRate, samples));
         return path;
     }
 
@@ -140,7 +141,7 @@ protected:
         return buf;
     }
 
-    ScratchDir dir_{"live"};
+    TempDir dir_;
 };
 
 TEST(RecorderFrame, CallsWithoutAnInstanceAnswerNotCreated) {
@@ -194,9 +195,9 @@ TEST_F(RecorderLive, FindsTheMonitorByItsExactName) {
 TEST_F(RecorderLive, AFailedStartLeavesTheTakePathAsItWas) {
     const std::string take = dir_.file("take.wav");
     const std::vector<uint8_t> old = pcm16_wav(1, kRate, noise16(1000, 9000, 4));
-    write_bytes(take, old);
+    write_file(take, old);
     const std::string bad24 = dir_.file("24bit.wav");
-    write_bytes(bad24, WavBuilder().fmt(1, 1, 44100, 24).data({1, 2, 3, 4}).bytes());
+    write_file(bad24, WavBytes().riff().fmt(1, 1, 44100, 24).data({1, 2, 3, 4}).build());
     EXPECT_EQ(sd_start(dir_.file("missing.wav").c_str(), take.c_str(), nullptr, 0), ws_invalid_argument);
     EXPECT_EQ(sd_start(bad24.c_str(), take.c_str(), nullptr, 0), ws_invalid_argument);
     int32_t r;
@@ -205,16 +206,16 @@ TEST_F(RecorderLive, AFailedStartLeavesTheTakePathAsItWas) {
         r = sd_start(nullptr, take.c_str(), "0123456789abcdef", 0);  // no such input
     }
     EXPECT_TRUE(r == ws_device_failure || r == ws_access_denied) << r;
-    EXPECT_EQ(read_bytes(take), old);
+    EXPECT_EQ(read_file(take), old);
     const std::string fresh = dir_.file("fresh.wav");
     {
         const ThirdPartyLeaks not_ours;
         sd_start(nullptr, fresh.c_str(), "0123456789abcdef", 0);
     }
-    EXPECT_FALSE(file_exists(fresh));
+    EXPECT_FALSE(exists(fresh));
     // Paths that cannot be a take: -15 at once, nothing blocks.
     EXPECT_EQ(sd_start(nullptr, nullptr, nullptr, 0), ws_invalid_argument);
-    EXPECT_EQ(sd_start(nullptr, utf8(dir_.path()).c_str(), nullptr, 0), ws_device_failure);
+    EXPECT_EQ(sd_start(nullptr, dir_.path().c_str(), nullptr, 0), ws_device_failure);
     EXPECT_EQ(sd_start(nullptr, dir_.file("no/such/dir/take.wav").c_str(), nullptr, 0), ws_device_failure);
 #if !defined(_WIN32)
     const std::string fifo = dir_.file("fifo");

@@ -12,7 +12,8 @@
 #include <vector>
 
 #include "recorder/source_track.hpp"
-#include "recorder_files.hpp"
+#include "files.hpp"
+#include "signals.hpp"
 
 namespace {
 
@@ -20,7 +21,7 @@ using ws::recorder::decode_source_wav;
 using ws::recorder::load_source_track;
 using ws::recorder::LoadResult;
 using ws::recorder::SourceTrack;
-using namespace ws::test::recorder;
+using namespace ws::test;
 
 struct FileCase {
     const char* label;
@@ -35,42 +36,42 @@ std::vector<FileCase> file_cases() {
     rows.push_back({"16-bit stereo 44100", pcm16_wav(2, 44100, four), true, 2});
     rows.push_back({"16-bit mono 8000", pcm16_wav(1, 8000, four), true, 23});  // ceil(4 * 5.5125)
     rows.push_back({"7999 Hz", pcm16_wav(1, 7999, four), false, 0});
-    rows.push_back({"24-bit", WavBuilder().fmt(1, 1, 44100, 24).data(four).bytes(), false, 0});
-    rows.push_back({"three channels", WavBuilder().fmt(1, 3, 44100, 16).data(four).bytes(), false, 0});
-    rows.push_back({"no data chunk", WavBuilder().fmt(1, 1, 44100, 16).chunk("LIST", {1, 2, 3, 4}).bytes(), false, 0});
-    rows.push_back({"no fmt chunk", WavBuilder().chunk("junk", {0, 0, 0, 0, 0, 0, 0, 0}).data(four).bytes(), false, 0});
+    rows.push_back({"24-bit", WavBytes().riff().fmt(1, 1, 44100, 24).data(four).build(), false, 0});
+    rows.push_back({"three channels", WavBytes().riff().fmt(1, 3, 44100, 16).data(four).build(), false, 0});
+    rows.push_back({"no data chunk", WavBytes().riff().fmt(1, 1, 44100, 16).chunk("LIST", {1, 2, 3, 4}).build(), false, 0});
+    rows.push_back({"no fmt chunk", WavBytes().riff().chunk("junk", {0, 0, 0, 0, 0, 0, 0, 0}).data(four).build(), false, 0});
     // Any tag with 16 bits is read as integer PCM.
-    rows.push_back({"float tag, 16 bits", WavBuilder().fmt(3, 1, 44100, 16).data(four).bytes(), true, 4});
-    rows.push_back({"extensible fmt body", WavBuilder().fmt(0xFFFE, 2, 44100, 16, 40).data(four).bytes(), true, 2});
+    rows.push_back({"float tag, 16 bits", WavBytes().riff().fmt(3, 1, 44100, 16).data(four).build(), true, 4});
+    rows.push_back({"extensible fmt body", WavBytes().riff().fmt(0xFFFE, 2, 44100, 16, 40).data(four).build(), true, 2});
     // A later fmt replaces an earlier one.
     rows.push_back({"fmt 24 then fmt 16",
-                    WavBuilder().fmt(1, 1, 44100, 24).fmt(1, 1, 44100, 16).data(four).bytes(), true, 4});
+                    WavBytes().riff().fmt(1, 1, 44100, 24).fmt(1, 1, 44100, 16).data(four).build(), true, 4});
     rows.push_back({"fmt 16 then fmt 24",
-                    WavBuilder().fmt(1, 1, 44100, 16).fmt(1, 1, 44100, 24).data(four).bytes(), false, 0});
+                    WavBytes().riff().fmt(1, 1, 44100, 16).fmt(1, 1, 44100, 24).data(four).build(), false, 0});
     // Three odd-sized chunks, each with its pad byte, before the data.
     rows.push_back({"odd-sized chunks before data",
-                    WavBuilder().fmt(1, 1, 44100, 16).chunk("LIST", {1, 2, 3}).chunk("abcd", {9})
-                        .chunk("efgh", {1, 2, 3, 4, 5}).data(four).bytes(), true, 4});
+                    WavBytes().riff().fmt(1, 1, 44100, 16).chunk("LIST", {1, 2, 3}).chunk("abcd", {9})
+                        .chunk("efgh", {1, 2, 3, 4, 5}).data(four).build(), true, 4});
     // An odd chunk written without its pad byte throws the walk off: the
     // data header is then read one byte late and not found.
     rows.push_back({"odd chunk missing its pad",
-                    WavBuilder().fmt(1, 1, 44100, 16).chunk("LIST", {1, 2, 3}, 3, false).data(four).bytes(),
+                    WavBytes().riff().fmt(1, 1, 44100, 16).chunk("LIST", {1, 2, 3}, 3).data(four).build(),
                     false, 0});
     {
         // The fmt chunk's 16 bytes do not fit: it is not read at all.
-        std::vector<uint8_t> b = WavBuilder().data(four).bytes();
+        std::vector<uint8_t> b = WavBytes().riff().data(four).build();
         const std::vector<uint8_t> cut = {'f', 'm', 't', ' ', 16, 0, 0, 0, 1, 0, 1, 0, 0x44, 0xAC, 0, 0, 0};
         b.insert(b.end(), cut.begin(), cut.end());
         rows.push_back({"fmt cut short at the end", b, false, 0});
     }
     {
         // Data declared longer than the file: read up to the end (3 samples).
-        std::vector<uint8_t> b = WavBuilder().fmt(1, 1, 44100, 16).chunk("data", {1, 0, 2, 0, 3, 0}, 1000).bytes();
+        std::vector<uint8_t> b = WavBytes().riff().fmt(1, 1, 44100, 16).chunk("data", {1, 0, 2, 0, 3, 0}, 1000).build();
         rows.push_back({"data longer than the file", b, true, 3});
     }
     {
         // A trailing odd byte of data makes no sample.
-        std::vector<uint8_t> b = WavBuilder().fmt(1, 2, 44100, 16).chunk("data", {1, 0, 2, 0, 3, 0, 4, 0, 5}).bytes();
+        std::vector<uint8_t> b = WavBytes().riff().fmt(1, 2, 44100, 16).chunk("data", {1, 0, 2, 0, 3, 0, 4, 0, 5}).build();
         rows.push_back({"half a frame at the end", b, true, 2});
     }
     {
@@ -78,18 +79,18 @@ std::vector<FileCase> file_cases() {
         b[3] = 'X';
         rows.push_back({"not RIFF", b, false, 0});
     }
-    rows.push_back({"45 bytes: one byte of data", WavBuilder().fmt(1, 1, 44100, 16).chunk("data", {7}, 1, false).bytes(),
+    rows.push_back({"45 bytes: one byte of data", WavBytes().riff().fmt(1, 1, 44100, 16).chunk("data", {7}, 1).build(),
                     true, 0});
     rows.push_back({"44 bytes: a valid empty WAV", pcm16_wav(1, 44100, {}), false, 0});
     return rows;
 }
 
 TEST(SourceTrack, AcceptsOnlyItsSubsetOfWav) {
-    ScratchDir dir("source");
+    TempDir dir;
     for (const FileCase& c : file_cases()) {
         SCOPED_TRACE(c.label);
         const std::string path = dir.file("backing.wav");
-        write_bytes(path, c.bytes);
+        write_file(path, c.bytes);
         SourceTrack t;
         t.samples = {1.0f, 2.0f};  // must be emptied whatever happens
         t.frames = 1;
@@ -104,11 +105,11 @@ TEST(SourceTrack, PathsAndTheSizeWindowOfTheFile) {
     EXPECT_EQ(load_source_track(nullptr, 48000, t), LoadResult::ok);  // no track wanted
     EXPECT_EQ(load_source_track("", 48000, t), LoadResult::ok);
     EXPECT_EQ(t.frames, 0);
-    ScratchDir dir("paths");
+    TempDir dir;
     EXPECT_EQ(load_source_track(dir.file("nothing-here.wav").c_str(), 48000, t), LoadResult::unreadable);
-    EXPECT_EQ(load_source_track(utf8(dir.path()).c_str(), 48000, t), LoadResult::unreadable);  // a directory
+    EXPECT_EQ(load_source_track(dir.path().c_str(), 48000, t), LoadResult::unreadable);  // a directory
     const std::string name = dir.file("Begleitung \xc3\xa4\xc3\xb6\xc3\xbc \xe6\x97\xa5\xe6\x9c\xac.wav");
-    write_bytes(name, pcm16_wav(1, 44100, {1000, 2000}));
+    write_file(name, pcm16_wav(1, 44100, {1000, 2000}));
     ASSERT_EQ(load_source_track(name.c_str(), 44100, t), LoadResult::ok);
     EXPECT_EQ(t.frames, 2);
 
@@ -117,8 +118,8 @@ TEST(SourceTrack, PathsAndTheSizeWindowOfTheFile) {
     EXPECT_EQ(decode_source_wav(empty.data(), empty.size(), 44100, t), LoadResult::ok);
     // One byte over 700 MiB, as a sparse file: refused before anything is read.
     const std::string big = dir.file("big.wav");
-    write_bytes(big, pcm16_wav(1, 44100, {1, 2, 3}));
-    std::filesystem::resize_file(u8path(big), 734003201);
+    write_file(big, pcm16_wav(1, 44100, {1, 2, 3}));
+    std::filesystem::resize_file(native(big), 734003201);
     EXPECT_EQ(load_source_track(big.c_str(), 44100, t), LoadResult::unreadable);
 }
 
@@ -126,7 +127,7 @@ TEST(SourceTrack, ABackingThatWouldPassTwoGigabytesAtTheDeviceRateIsRefused) {
     // 100 MB of 8000 Hz mono is 50 million frames: 300 million at 48 kHz,
     // 2.4 GB as stereo floats. Its header states the size; the samples are
     // a sparse file's zeros.
-    ScratchDir dir("huge");
+    TempDir dir;
     const std::string path = dir.file("huge.wav");
     std::vector<uint8_t> b = pcm16_wav(1, 8000, {});
     const uint32_t data = 100'000'000;
@@ -134,8 +135,8 @@ TEST(SourceTrack, ABackingThatWouldPassTwoGigabytesAtTheDeviceRateIsRefused) {
         b[40 + i] = static_cast<uint8_t>(data >> (8 * i));
         b[4 + i] = static_cast<uint8_t>((data + 36) >> (8 * i));
     }
-    write_bytes(path, b);
-    std::filesystem::resize_file(u8path(path), 44 + data);
+    write_file(path, b);
+    std::filesystem::resize_file(native(path), 44 + data);
     SourceTrack t;
     EXPECT_EQ(load_source_track(path.c_str(), 48000, t), LoadResult::too_large);
     EXPECT_TRUE(t.samples.empty());

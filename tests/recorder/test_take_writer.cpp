@@ -11,12 +11,13 @@
 
 #include "recorder/core.hpp"
 #include "recorder/take_writer.hpp"
-#include "recorder_files.hpp"
+#include "files.hpp"
+#include "signals.hpp"
 
 namespace {
 
 using namespace ws::recorder;
-using namespace ws::test::recorder;
+using namespace ws::test;
 
 constexpr uint32_t kPeriod = 441;  // 10 ms at 44100 Hz
 
@@ -42,7 +43,7 @@ const uint8_t kEmptyHeader[44] = {
     2, 0, 16, 0, 'd', 'a', 't', 'a', 0, 0, 0, 0};
 
 TEST(TakeFileTest, ATakeStoppedAtOnceIsAnEmptyPlayableWav) {
-    ScratchDir dir("empty");
+    TempDir dir;
     TakeFile take;
     ASSERT_TRUE(take.create(dir.file("t.wav").c_str()));
     take.finish();
@@ -71,7 +72,7 @@ struct CoreRig {
 };
 
 TEST(TakeWriterPass, DroppedPeriodsBecomeSilenceAheadOfTheWaitingSamples) {
-    ScratchDir dir("drops");
+    TempDir dir;
     CoreRig rig;
     ASSERT_TRUE(rig.open(dir.file("t.wav")));
     // 600 periods without a consumer: 594 fit (261954 of 262144 samples),
@@ -102,7 +103,7 @@ TEST(TakeWriterPass, DroppedPeriodsBecomeSilenceAheadOfTheWaitingSamples) {
 }
 
 TEST(TakeWriterPass, TheHeaderIsCheckpointedAtFiveSecondsOfAudio) {
-    ScratchDir dir("checkpoint");
+    TempDir dir;
     CoreRig rig;
     const std::string path = dir.file("t.wav");
     ASSERT_TRUE(rig.open(path));
@@ -129,7 +130,7 @@ TEST(TakeWriterPass, TheHeaderIsCheckpointedAtFiveSecondsOfAudio) {
 }
 
 TEST(TakeWriterPass, DrainRestWritesWhatIsLeftButOwesNoSilence) {
-    ScratchDir dir("rest");
+    TempDir dir;
     CoreRig rig;
     ASSERT_TRUE(rig.open(dir.file("t.wav")));
     std::vector<float> in(kPeriod, -0.5f);

@@ -6,12 +6,13 @@
 #include <cmath>
 #include <vector>
 
-#include "take_signals.hpp"
+#include "files.hpp"
+#include "signals.hpp"
 #include "takes/analysis.hpp"
 
 namespace {
 
-namespace s = ws::test::takes;
+namespace s = ws::test;
 using ws::takes::block_average;
 using ws::takes::DelayEstimate;
 using ws::takes::find_delay;
@@ -81,7 +82,7 @@ TEST(DelaySearch, FindsTheLeakThroughARoomUnderAMusician) {
     for (double delay : {2205.0, 2205.4}) {
         // The leak is 6 dB below the musician, with room noise.
         auto take = s::convolve(s::delayed(ref, delay, n), room);
-        take = s::mix(s::mix(take, musician, 1.0f), s::white(n, 0.01, 4));
+        take = s::mix(s::mix(take, musician, 1.0f), s::noise(n, 0.01, 4));
         const DelayEstimate d = locate(ref, take, 44100, 0, 8820);
         EXPECT_EQ(d.delay_frames, 2205) << delay;
         EXPECT_TRUE(d.valid) << delay;

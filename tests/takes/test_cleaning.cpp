@@ -7,7 +7,8 @@
 #include <vector>
 
 #include "take_scenes.hpp"
-#include "take_signals.hpp"
+#include "files.hpp"
+#include "signals.hpp"
 #include "takes/cleaning.hpp"
 
 namespace {

@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "take_signals.hpp"
+#include "files.hpp"
+#include "signals.hpp"
 #include "takes/report.hpp"
 #include "woodshed/takes.h"
 
@@ -136,9 +137,9 @@ TEST(Report, ArgumentsFilesAndRoom) {
     EXPECT_EQ(summary.notes, 2);
     EXPECT_EQ(one[0].note, 60);
     // The same take from a file; a missing file is -14.
-    ws::test::takes::TempDir dir;
+    ws::test::TempDir dir;
     const std::string path = dir.file("take.wav");
-    ASSERT_TRUE(ws::test::takes::write_file(path, ws::test::takes::wav16(x, 44100)));
+    ASSERT_TRUE(ws::test::write_file(path, ws::test::wav16(x, 44100)));
     TakeReportNote two[2];
     count = 2;
     ASSERT_EQ(ta_report(path.c_str(), nullptr, &kGrid, two, &count, &summary), ws_ok);

@@ -13,12 +13,13 @@
 #  include <unistd.h>
 #endif
 
-#include "take_signals.hpp"
+#include "files.hpp"
+#include "signals.hpp"
 #include "woodshed/takes.h"
 
 namespace {
 
-namespace s = ws::test::takes;
+namespace s = ws::test;
 
 template <class Record>
 Record sentinel() {
@@ -172,10 +173,9 @@ TEST(TakeExports, CleanRewritesTheTakeInPlace) {
     // The musician was 20 dB under the leak; what remains is about her.
     EXPECT_GT(c.reduction_db, 15.0);
     EXPECT_LT(c.reduction_db, 25.0);
-    uint32_t rate = 0;
-    const auto cleaned = s::read_mono16(f.take, &rate);
-    EXPECT_EQ(rate, 44100u);
-    EXPECT_EQ(cleaned.size(), 100000u);
+    const s::Take cleaned = s::read_take(f.take);
+    EXPECT_EQ(cleaned.rate, 44100u);
+    EXPECT_EQ(cleaned.samples.size(), 100000u);
     EXPECT_EQ(f.dir.list(), (std::vector<std::string>{"backing.wav", "take.wav"}));
 }
 

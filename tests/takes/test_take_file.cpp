@@ -22,12 +22,13 @@
 #endif
 
 #include "frame/platform.hpp"
-#include "take_signals.hpp"
+#include "files.hpp"
+#include "signals.hpp"
 #include "takes/take_file.hpp"
 
 namespace {
 
-namespace s = ws::test::takes;
+namespace s = ws::test;
 using ws::takes::load_take_wav;
 using ws::takes::load_take_wav_bytes;
 using ws::takes::store_take_wav_safely;
@@ -251,7 +252,7 @@ TEST(TakeWriter, WritesTheCanonicalHeaderAndSamples) {
                                 16, 0, 0, 0, 1, 0, 1, 0, 0x44, 0xAC, 0, 0, 0x88, 0x58, 1, 0,
                                 2, 0, 16, 0, 'd', 'a', 't', 'a', 10, 0, 0, 0};
     EXPECT_EQ(std::memcmp(bytes.data(), header, 44), 0);
-    EXPECT_EQ(s::read_mono16(path), (std::vector<int16_t>{0, 32767, -32767, 8192, -32768}));
+    EXPECT_EQ(s::read_take(path).samples, (std::vector<int16_t>{0, 32767, -32767, 8192, -32768}));
     EXPECT_EQ(dir.list(), std::vector<std::string>{"take.wav"});
 }
 

@@ -13,6 +13,6 @@ rm -rf "$dir"
 source <(bash "$script" start "$dir" "$rate")
 trap 'bash "$script" stop "$dir"' EXIT
 # At debug level the server logs the underruns the tests read (best effort).
-python3 "$(dirname "$0")/../server_debug_log.py" >/dev/null 2>&1 || true
+python3 "$(dirname "$0")/server_debug_log.py" >/dev/null 2>&1 || true
 export WOODSHED_SINK_RATE=$rate WOODSHED_REQUIRE_SOUND_SERVER=1
 "$@"

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <vector>
 
-#include "test_support.hpp"
+#include "signals.hpp"
 #include "tuner/config.hpp"
 #include "tuner/note_tracker.hpp"
 

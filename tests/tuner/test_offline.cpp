@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "test_support.hpp"
+#include "signals.hpp"
 #include "woodshed/tuner.h"
 
 namespace {

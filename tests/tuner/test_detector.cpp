@@ -4,7 +4,7 @@
 #include <cmath>
 #include <vector>
 
-#include "test_support.hpp"
+#include "signals.hpp"
 #include "tuner/detector.hpp"
 
 namespace {

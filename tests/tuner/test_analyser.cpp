@@ -5,7 +5,7 @@
 #include <cmath>
 #include <limits>
 
-#include "test_support.hpp"
+#include "signals.hpp"
 #include "tuner/analyser.hpp"
 #include "tuner/config.hpp"
 

@@ -7,7 +7,7 @@
 # usage: record_cli_test.sh [EMULATOR...] WOODSHED
 set -uo pipefail
 
-source "$(dirname "${BASH_SOURCE[0]}")/../../tools/cli_harness.sh" record-test "$@"
+source "$(dirname "${BASH_SOURCE[0]}")/cli_harness.sh" record-test "$@"
 
 if ! command -v python3 > /dev/null; then
   echo "note: python3 not found, record checks skipped"
