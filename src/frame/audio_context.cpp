@@ -11,6 +11,10 @@ AudioContext::AudioContext() {
     log_ready_ = ma_log_init(nullptr, &log_) == MA_SUCCESS;
     ma_context_config cfg = ma_context_config_init();
     if (log_ready_) cfg.pLog = &log_;
+    // The device threads run before the ordinary threads of a busy machine
+    // where the system allows it: a stream whose thread waits behind a
+    // build or a browser runs dry and the server plays silence.
+    if (platform::realtime_threads_allowed()) cfg.threadPriority = ma_thread_priority_realtime;
     result_ = ma_context_init(nullptr, 0, &cfg, &context_);
 }
 

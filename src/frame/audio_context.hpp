@@ -11,7 +11,8 @@ namespace ws::frame {
 // A context over miniaudio's default back-end order, released with its
 // owner. It logs into a log with no listener, and the sound libraries under
 // it are kept quiet while it starts and opens devices: whatever the back end
-// reports is dropped, so a host's terminal never sees it.
+// reports is dropped, so a host's terminal never sees it. Its device threads
+// run at real-time priority where the process may start such threads.
 class AudioContext {
 public:
     AudioContext();

@@ -5,6 +5,9 @@
  * engine's shortest periods, and ignores the period count the engines ask
  * for to stay fed; the classic shared mode takes their buffer duration. */
 #define MA_WASAPI_NO_LOW_LATENCY_SHARED_MODE
+/* The real-time priority the audio threads get where the process may use
+ * one (platform.hpp: kAudioThreadPriority, the same number). */
+#define MA_PTHREAD_REALTIME_THREAD_PRIORITY 10
 #define MA_NO_DECODING
 #define MA_NO_ENCODING
 #define MA_NO_GENERATION

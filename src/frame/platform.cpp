@@ -18,6 +18,8 @@
 #  include <vector>
 #else
 #  include <fcntl.h>
+#  include <pthread.h>
+#  include <sched.h>
 #  include <stdio.h>
 #  include <sys/stat.h>
 #  include <unistd.h>
@@ -357,6 +359,28 @@ const ReplaceSteps& system_replace_steps() {
                                     sys_copy_mode,  sys_replace, sys_sync_folder, sleep_for_ms};
     return steps;
 }
+
+#if defined(_WIN32)
+bool realtime_threads_allowed() { return false; }
+#else
+bool realtime_threads_allowed() {
+    static const bool allowed = [] {
+        pthread_attr_t attr;
+        if (pthread_attr_init(&attr) != 0) return false;
+        sched_param param{};
+        param.sched_priority = kAudioThreadPriority;
+        pthread_t probe;
+        const bool ok = pthread_attr_setschedpolicy(&attr, SCHED_FIFO) == 0 &&
+                        pthread_attr_setschedparam(&attr, &param) == 0 &&
+                        pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED) == 0 &&
+                        pthread_create(&probe, &attr, [](void*) -> void* { return nullptr; }, nullptr) == 0;
+        pthread_attr_destroy(&attr);
+        if (ok) pthread_join(probe, nullptr);
+        return ok;
+    }();
+    return allowed;
+}
+#endif
 
 #if defined(__linux__)
 namespace {

@@ -107,6 +107,17 @@ private:
     void (*previous_)() = nullptr;
 };
 
+// The fixed real-time priority (SCHED_FIFO) of the audio threads on POSIX
+// systems, low among real-time threads: enough to run before every ordinary
+// thread of a busy machine, below sound servers and the kernel's own.
+inline constexpr int kAudioThreadPriority = 10;
+
+// Whether this process may start threads at that priority (root, a real-time
+// limit or a capability allows it; most desktop users are not allowed). Asked
+// once, by starting such a thread. Windows: false, its audio threads take the
+// multimedia class scheduler's priority through the back end instead.
+bool realtime_threads_allowed();
+
 // Worker threads: std::thread sits on the C runtime's thread start on every
 // platform (_beginthreadex under mingw's and MSVC's runtimes).
 template <class Fn>

@@ -64,6 +64,12 @@ int32_t TunerEngine::stop() {
     std::lock_guard<std::mutex> guard(device_lock_);
     capturing_ = false;
     close_device();
+    {
+        // What the device delivered before it closed is not analysed after
+        // the stop: the reading at the stop stays the last one.
+        std::lock_guard<std::mutex> pass(pass_lock_);
+        ring_.reset();
+    }
     std::lock_guard<std::mutex> status(status_lock_);
     status_.state = tn_engine_stopped;
     status_.sample_rate = 0;
