@@ -106,50 +106,42 @@ TEST(PitchAnalyser, PushingInPiecesEqualsPushingAtOnce) {
     EXPECT_EQ(a.note, 59);
 }
 
-// Non-finite samples are silence; loud ones are metered clamped to 4 (a
-// constant 10 reads 20 log10(4) dB) with the peak reported as 1; one sample
-// of exactly 1.0 among quiet ones sets the clip flag.
-TEST(PitchAnalyser, NonFiniteSamplesAreSilenceAndLoudOnesAreClampedAndFlagged) {
-    struct Row { float fill, at_1000; double peak, level_db; uint32_t clipped; };
+// Levels are those of the input that completed the frames: a constant reads
+// its own level; non-finite samples are silence; loud ones are metered
+// clamped to 4 with the peak reported as 1; one sample of exactly 1.0 among
+// quiet ones sets the clip flag; frames completed by a later chunk report
+// only that chunk.
+TEST(PitchAnalyser, LevelsAreThoseOfTheChunkThatCompletedTheFrames) {
     const float nan = std::numeric_limits<float>::quiet_NaN();
-    const Row rows[] = {{nan, nan, 0.0, -120.0, 0}, {10.0f, 10.0f, 1.0, 20.0 * std::log10(4.0), 1},
-                        {0.1f, 1.0f, 1.0, kNaN, 1}};
+    struct Row { float fill, at_1000, then; uint64_t frames; double peak, level_db; uint32_t clipped; };
+    const Row rows[] = {
+        {nan, nan, 0, 3, 0.0, -120.0, 0},
+        {10.0f, 10.0f, 0, 3, 1.0, 20.0 * std::log10(4.0), 1},
+        {0.1f, 1.0f, 0, 3, 1.0, kNaN, 1},
+        {0.5f, 0.5f, 0, 3, 0.5, 20.0 * std::log10(0.5), 0},
+        {0.5f, 0.5f, 0.05f, 4, 0.05f, 20.0 * std::log10(double{0.05f}), 0},  // 1024 more complete frame 4 only
+    };
     for (const Row& row : rows) {
         PitchAnalyser a(nullptr);
         a.reset(48000);
-        std::vector<float> x(2048, row.fill);
+        std::vector<float> x(4096, row.fill);  // completes frames 1..3
         x[1000] = row.at_1000;
         a.push(x.data(), x.size());
+        x.assign(1024, row.then);
+        if (row.then != 0) a.push(x.data(), x.size());
         TunerReading r{};
         ASSERT_TRUE(a.take_reading(&r));
-        EXPECT_EQ(r.peak, row.peak) << row.fill;
+        SCOPED_TRACE(testing::Message() << row.fill << " then " << row.then);
+        EXPECT_EQ(r.frame_count, row.frames);
+        EXPECT_EQ(r.peak, row.peak);
         if (!std::isnan(row.level_db)) {
-            EXPECT_NEAR(r.level_db, row.level_db, 1e-9) << row.fill;
+            EXPECT_NEAR(r.level_db, row.level_db, 1e-9);
         }
-        EXPECT_EQ(r.clipped, row.clipped) << row.fill;
+        EXPECT_EQ(r.clipped, row.clipped);
         if (std::isnan(row.fill)) {
             EXPECT_EQ(r.state, tn_state_silent);
         }
     }
-}
-
-// All frames completed by one chunk report that chunk's levels; the next
-// chunk's frames report only the new input.
-TEST(PitchAnalyser, LevelsArePerChunkOfInput) {
-    PitchAnalyser a(nullptr);
-    a.reset(48000);
-    std::vector<float> loud(4096, 0.5f), quiet(1024, 0.05f);
-    a.push(loud.data(), loud.size());  // completes frames 1..3
-    TunerReading r{};
-    ASSERT_TRUE(a.take_reading(&r));
-    EXPECT_EQ(r.frame_count, 3u);
-    EXPECT_NEAR(r.level_db, 20.0 * std::log10(0.5), 1e-6);
-    EXPECT_EQ(r.peak, 0.5);
-    a.push(quiet.data(), quiet.size());  // completes frame 4 only
-    ASSERT_TRUE(a.take_reading(&r));
-    EXPECT_EQ(r.frame_count, 4u);
-    EXPECT_NEAR(r.level_db, 20.0 * std::log10(0.05), 1e-5);
-    EXPECT_NEAR(r.peak, 0.05, 1e-7);
 }
 
 // The band edges: each 58 Hz high-pass section has Q 0.707 and so passes

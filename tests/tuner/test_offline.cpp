@@ -14,20 +14,10 @@ namespace {
 
 namespace t = ws::test;
 
-TunerReading sentinel() {
-    TunerReading r;
-    std::memset(&r, 0xA5, sizeof r);
-    return r;
-}
-
-bool untouched(const TunerReading& r) {
-    const TunerReading s = sentinel();
-    return std::memcmp(&r, &s, sizeof r) == 0;
-}
-
 // Invalid arguments are refused, and a buffer short of one window gives no
 // reading (2048 samples at 48 kHz; at 96 kHz the same window after
-// halving), both before anything is touched; one window gives one reading.
+// halving), both before anything is touched; one window gives one reading,
+// stamped at its end at the input rate.
 TEST(OfflineProcess, ArgumentsAndTheFirstWindow) {
     const auto x = t::sine(440, 48000, 32 * 4096);
     struct Row { const float* samples; int32_t frames, channels; double rate; bool out; int32_t want; };
@@ -41,11 +31,14 @@ TEST(OfflineProcess, ArgumentsAndTheFirstWindow) {
         {x.data(), 4095, 1, 96000, true, 0}, {x.data(), 4096, 1, 96000, true, 1},
         {x.data(), 1023, 1, 8000, true, 0},  {x.data(), 1024, 1, 8000, true, 1},
     };
+    TunerReading blank;
+    std::memset(&blank, 0xA5, sizeof blank);
     for (const auto& r : rows) {
-        TunerReading out = sentinel();
+        TunerReading out = blank;
         EXPECT_EQ(tn_offline_process(nullptr, r.samples, r.frames, r.channels, r.rate, r.out ? &out : nullptr),
                   r.want) << r.frames << " x " << r.channels << " at " << r.rate;
-        EXPECT_TRUE(r.want == 1 ? out.frame_count == 1 : untouched(out)) << r.frames;
+        EXPECT_TRUE(r.want == 1 ? out.frame_count == 1 && out.time_us == uint64_t(r.frames * 1e6 / r.rate)
+                                : std::memcmp(&out, &blank, sizeof out) == 0) << r.frames;
     }
 }
 
