@@ -3,6 +3,7 @@
 // what a refused write leaves behind.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <limits>
@@ -81,7 +82,8 @@ TEST(TakeWriterPass, DroppedPeriodsBecomeSilenceAheadOfTheWaitingSamples) {
     std::vector<float> in(kPeriod);
     double peak = 0.0;
     for (int p = 0; p < 600; ++p) {
-        for (uint32_t i = 0; i < kPeriod; ++i) in[i] = p < 594 ? static_cast<float>((p % 200 + 1) / 256.0) : 0.9f;
+        const float v = p < 594 ? static_cast<float>((p % 200 + 1) / 256.0) : 0.9f;
+        std::fill(in.begin(), in.end(), v);
         if (p == 594) peak = rig.core.ring().input_peak();
         rig.push(in.data());
     }

@@ -119,7 +119,7 @@ TEST(PitchAnalyser, LevelsAreThoseOfTheChunkThatCompletedTheFrames) {
         {10.0f, 10.0f, 0, 3, 1.0, 20.0 * std::log10(4.0), 1},
         {0.1f, 1.0f, 0, 3, 1.0, kNaN, 1},
         {0.5f, 0.5f, 0, 3, 0.5, 20.0 * std::log10(0.5), 0},
-        {0.5f, 0.5f, 0.05f, 4, 0.05f, 20.0 * std::log10(double{0.05f}), 0},  // 1024 more complete frame 4 only
+        {0.5f, 0.5f, 0.05f, 4, 0.05f, 20.0 * std::log10(double{0.05f}), 0},  // 1024 more: frame 4 only
     };
     for (const Row& row : rows) {
         PitchAnalyser a(nullptr);
@@ -174,7 +174,8 @@ TEST(PitchAnalyser, FilterChainPassesTheTuningBand) {
 TEST(PitchAnalyser, HumBelowTheBandIsFilteredOut) {
     PitchAnalyser a(nullptr);
     a.reset(48000);
-    const auto x = t::mix(t::sine(30.0, 48000, 48000, 0.8), t::string_tone(t::midi_hz(57), 48000, 48000), 0.3f);
+    const auto a3 = t::string_tone(t::midi_hz(57), 48000, 48000);
+    const auto x = t::mix(t::sine(30.0, 48000, 48000, 0.8), a3, 0.3f);
     a.push(x.data(), x.size());
     TunerReading r{};
     ASSERT_TRUE(a.take_reading(&r));

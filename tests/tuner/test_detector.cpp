@@ -113,12 +113,13 @@ TEST(PitchDetector, TheLowerOctaveIsTakenFromItsThresholdOn) {
 
 // Sequences of estimates (0 for none) and what the guard lets through.
 TEST(OctaveGuard, ReplacesAnOctaveJumpByTheMedianOfFiveAndForgetsOnTheThirdMiss) {
-    const double f60 = 220.0 * std::pow(2.0, 60.0 / 1200.0);
+    const double f60 = 220.0 * std::pow(2.0, 60.0 / 1200.0), f100 = 220.0 * std::pow(2.0, 100.0 / 1200.0);
     struct Row { std::vector<double> in, out; };
     const Row rows[] = {
         // 60 cents above the median passes, an octave does not; the raw
         // estimates go into the history, so after two more the octave is the median.
         {{220, 221, 219, 220.5, f60, 440, 440, 440}, {220, 221, 219, 220.5, f60, 221, f60, 440}},
+        {{220, 220, 220, 220, f100}, {220, 220, 220, 220, 220}},  // 100 cents is too far
         {{100, 300, 310, 100}, {100, 300, 310, 300}},  // an even count takes the upper middle
         // Two misses keep the history, the third forgets it.
         {{220, 220, 220, 220, 0, 0, 440, 0, 0, 0, 440}, {220, 220, 220, 220, 0, 0, 220, 0, 0, 0, 440}},

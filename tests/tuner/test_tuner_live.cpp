@@ -43,14 +43,17 @@ template <class Field>
         m = values[values.size() / 2];
         if (std::fabs(m - expected) <= tolerance) return ::testing::AssertionSuccess();
     }
-    return ::testing::AssertionFailure() << "median " << m << ", expected " << expected << " +- " << tolerance;
+    return ::testing::AssertionFailure() << "median " << m << ", expected " << expected << " +- "
+                                         << tolerance;
 }
 
 // Waits for a reading of G3 in tune; returns the time it took.
 int ms_to_g3_in_tune() {
     const auto t0 = std::chrono::steady_clock::now();
     TunerReading r{};
-    const auto g3 = [&] { return tn_engine_get_reading(&r) == 1 && r.note == 55 && r.state == tn_state_in_tune; };
+    const auto g3 = [&] {
+        return tn_engine_get_reading(&r) == 1 && r.note == 55 && r.state == tn_state_in_tune;
+    };
     EXPECT_TRUE(wait_for(g3, 4000ms)) << "last reading: note " << r.note << " state " << r.state << " f "
                                       << r.frequency_hz;
     const auto took = std::chrono::steady_clock::now() - t0;
