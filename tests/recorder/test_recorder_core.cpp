@@ -44,6 +44,8 @@ protected:
     RecorderCore core_;
 };
 
+// From the start position to the track's end, then silence while the clock
+// runs on; a start past the end is done at once; no track is never done.
 TEST_F(CoreTest, PlaysTheTrackFromTheStartPositionThenSilence) {
     ASSERT_EQ(core_.load_track(track_file_.c_str()), LoadResult::ok);
     core_.arm(40);  // frame 1764 of 2000
@@ -54,20 +56,14 @@ TEST_F(CoreTest, PlaysTheTrackFromTheStartPositionThenSilence) {
         ASSERT_EQ(out[2 * i], l) << i;
         ASSERT_EQ(out[2 * i + 1], -l) << i;
     }
-    EXPECT_EQ(core_.play_position(), 1764 + 441);
     RecorderState s{};
     core_.fill_state(s);
+    EXPECT_EQ(s.play_position, 1764 + 441);
     EXPECT_EQ(s.playback_done, 1u);
     EXPECT_EQ(s.sample_rate, 44100u);
-    out = play(kPeriod);
-    for (float v : out) ASSERT_EQ(v, 0.0f);
-    EXPECT_EQ(core_.play_position(), 1764 + 882);  // the clock runs on past the end
-}
-
-TEST_F(CoreTest, APositionPastTheEndIsDoneAtOnceAndNoTrackNever) {
-    ASSERT_EQ(core_.load_track(track_file_.c_str()), LoadResult::ok);
+    for (float v : play(kPeriod)) ASSERT_EQ(v, 0.0f);
+    EXPECT_EQ(core_.play_position(), 1764 + 882);
     core_.arm(1000);  // frame 44100 of a 2000-frame track
-    RecorderState s{};
     core_.fill_state(s);
     EXPECT_EQ(s.play_position, 44100);
     EXPECT_EQ(s.playback_done, 1u);
@@ -132,20 +128,6 @@ TEST_F(CoreTest, ThePeakDecaysByANinthEveryPeriod) {
     EXPECT_EQ(core_.ring().input_peak(), 0.0);
 }
 
-TEST_F(CoreTest, ADroppedPeriodStillCountsAsCapturedButLeavesThePeak) {
-    core_.arm(0);
-    core_.set_recording(true);
-    std::vector<float> in(kPeriod, 0.1f);
-    for (int p = 0; p < 594; ++p) play(kPeriod, in.data());
-    const double peak = core_.ring().input_peak();
-    std::fill(in.begin(), in.end(), 0.9f);
-    play(kPeriod, in.data());  // does not fit: dropped whole
-    EXPECT_EQ(core_.ring().captured_frames(), 595u * kPeriod);
-    EXPECT_EQ(core_.ring().dropped_pending(), kPeriod);
-    EXPECT_EQ(core_.ring().pending(), 594u * kPeriod);
-    EXPECT_EQ(core_.ring().input_peak(), peak);
-}
-
 // ---- under load ---------------------------------------------------------
 
 TEST(RecorderLoad, WithoutDropsEverySampleArrivesInOrder) {
@@ -181,8 +163,6 @@ TEST(RecorderLoad, WithoutDropsEverySampleArrivesInOrder) {
         ASSERT_EQ(t.samples[k], want) << k;
     }
 }
-
-
 
 // ---- a round trip that moves ------------------------------------------------
 

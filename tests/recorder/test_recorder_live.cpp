@@ -9,11 +9,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,8 +39,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using namespace ws::test;
-using ws::test::wait_for;
-using ws::test::ServerLog;
 
 constexpr int kRate = 44100;
 
@@ -74,16 +69,13 @@ std::string monitor_name() {
     return name;
 }
 
-struct Lag {
-    int lag = -1;         // take frame minus backing frame (relative to the start position)
-    double score = 0.0;   // normalised correlation at that lag
-};
-
-// Where take[from .. from + n) best matches the backing from the start
-// position, searching lags 0 .. max_lag.
-Lag find_lag(const std::vector<int16_t>& take, const std::vector<int16_t>& backing, int64_t start,
+// The lag (take frame minus backing frame from the start position, 0 ..
+// max_lag) at which take[from .. from + n) best matches the backing, or -1
+// when no lag's normalised correlation passes 0.6.
+int find_lag(const std::vector<int16_t>& take, const std::vector<int16_t>& backing, int64_t start,
              size_t from, size_t n, int max_lag) {
-    Lag best;
+    int best = -1;
+    double best_score = 0.6;
     if (from + n > take.size()) return best;
     double tt = 0.0;
     for (size_t i = 0; i < n; ++i) tt += double(take[from + i]) * take[from + i];
@@ -97,7 +89,10 @@ Lag find_lag(const std::vector<int16_t>& take, const std::vector<int16_t>& backi
             bb += b * b;
         }
         const double score = tt > 0 && bb > 0 ? tb / std::sqrt(tt * bb) : 0.0;
-        if (score > best.score) best = {lag, score};
+        if (score > best_score) {
+            best_score = score;
+            best = lag;
+        }
     }
     return best;
 }
@@ -106,18 +101,14 @@ Lag find_lag(const std::vector<int16_t>& take, const std::vector<int16_t>& backi
 // when a capture device id names no source: the failure path returns
 // without freeing what it just set up. Allocations inside this scope, on
 // this thread, are not reported as leaks.
-class ThirdPartyLeaks {
-public:
 #if defined(WS_TEST_LSAN)
+struct ThirdPartyLeaks {
     ThirdPartyLeaks() { __lsan_disable(); }
     ~ThirdPartyLeaks() { __lsan_enable(); }
-#else
-    ThirdPartyLeaks() {}
-    ~ThirdPartyLeaks() {}
-#endif
-    ThirdPartyLeaks(const ThirdPartyLeaks&) = delete;
-    ThirdPartyLeaks& operator=(const ThirdPartyLeaks&) = delete;
 };
+#else
+struct ThirdPartyLeaks {};
+#endif
 
 class RecorderLive : public ::testing::Test {
 protected:
@@ -157,11 +148,11 @@ TEST(RecorderFrame, CallsWithoutAnInstanceAnswerNotCreated) {
     EXPECT_EQ(sd_device_rate(), ws_not_created);
     EXPECT_EQ(sd_repair_count(), ws_not_created);
     EXPECT_EQ(sd_output_latency_ms(), -1.0);
-    EXPECT_EQ(sd_abi_version(), 1);
 }
 
+// With an instance (a second create and a new life after destroy are the
+// family frame's, tested on its own).
 TEST_F(RecorderLive, FrameRulesWithAnInstance) {
-    EXPECT_EQ(sd_create(), ws_already_created);
 #if !defined(_WIN32)
     EXPECT_EQ(sd_backend(), 7);  // PulseAudio
 #endif
@@ -173,8 +164,6 @@ TEST_F(RecorderLive, FrameRulesWithAnInstance) {
     std::memset(raw, 0xA5, sizeof raw);
     ASSERT_EQ(sd_get_state(reinterpret_cast<RecorderState*>(raw)), ws_ok);
     for (size_t i = SD_STATE_BYTES; i < sizeof raw; ++i) EXPECT_EQ(raw[i], 0xA5) << i;
-    EXPECT_EQ(sd_destroy(), ws_ok);
-    EXPECT_EQ(sd_create(), ws_ok);  // a new life after destroy
 }
 
 TEST_F(RecorderLive, FindsTheMonitorByItsExactName) {
@@ -200,18 +189,15 @@ TEST_F(RecorderLive, AFailedStartLeavesTheTakePathAsItWas) {
     write_file(bad24, WavBytes().riff().fmt(1, 1, 44100, 24).data({1, 2, 3, 4}).build());
     EXPECT_EQ(sd_start(dir_.file("missing.wav").c_str(), take.c_str(), nullptr, 0), ws_invalid_argument);
     EXPECT_EQ(sd_start(bad24.c_str(), take.c_str(), nullptr, 0), ws_invalid_argument);
+    const std::string fresh = dir_.file("fresh.wav");
     int32_t r;
     {
-        const ThirdPartyLeaks not_ours;
+        [[maybe_unused]] ThirdPartyLeaks not_ours;
         r = sd_start(nullptr, take.c_str(), "0123456789abcdef", 0);  // no such input
+        sd_start(nullptr, fresh.c_str(), "0123456789abcdef", 0);
     }
     EXPECT_TRUE(r == ws_device_failure || r == ws_access_denied) << r;
     EXPECT_EQ(read_file(take), old);
-    const std::string fresh = dir_.file("fresh.wav");
-    {
-        const ThirdPartyLeaks not_ours;
-        sd_start(nullptr, fresh.c_str(), "0123456789abcdef", 0);
-    }
     EXPECT_FALSE(exists(fresh));
     // Paths that cannot be a take: -15 at once, nothing blocks.
     EXPECT_EQ(sd_start(nullptr, nullptr, nullptr, 0), ws_invalid_argument);
@@ -248,27 +234,22 @@ TEST_F(RecorderLive, ATwentySecondTakeKeepsOneRoundTrip) {
     EXPECT_GE(t.file_size, 44u + t.data_size);
     ASSERT_TRUE(record_for(20 * kRate, 40000ms));
     const int64_t ms = sd_stop();
-    const int32_t repairs = sd_repair_count();
     t = read_take(take);
     ASSERT_TRUE(t.ok);
     EXPECT_EQ(t.file_size, 44u + t.data_size);
     EXPECT_EQ(ms, static_cast<int64_t>(t.samples.size()) * 1000 / kRate);
     ASSERT_GE(t.samples.size(), size_t{19 * kRate});  // repairs may have dropped a few frames
 
-    std::vector<int> lags;
-    std::string text;
-    for (int sec = 1; sec <= 19; sec += 2) {
-        const Lag l = find_lag(t.samples, noise, start, static_cast<size_t>(sec) * kRate, 4410, kRate / 4);
-        lags.push_back(l.score > 0.6 ? l.lag : -1);
-        text += " " + std::to_string(lags.back());
-    }
-    std::printf("device at %d Hz; round trip along the take (frames at 44100 Hz):%s; %d repairs\n", rate,
-                text.c_str(), repairs);
     // A window may straddle a seam the writer repaired (a server that fell
     // behind) and match no single lag; every window that matches one must
     // match the same.
     std::vector<int> found;
-    std::copy_if(lags.begin(), lags.end(), std::back_inserter(found), [](int l) { return l > 0; });
+    std::string text;
+    for (int sec = 1; sec <= 19; sec += 2) {
+        const int lag = find_lag(t.samples, noise, start, static_cast<size_t>(sec) * kRate, 4410, kRate / 4);
+        text += " " + std::to_string(lag);
+        if (lag > 0) found.push_back(lag);
+    }
     EXPECT_GE(found.size(), 7u) << "the take does not hold the backing:" << text;
     if (!found.empty()) {
         const auto [lo, hi] = std::minmax_element(found.begin(), found.end());

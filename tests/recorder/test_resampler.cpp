@@ -9,22 +9,20 @@
 #include <vector>
 
 #include "frame/resampler.hpp"
+#include "signals.hpp"
 
 namespace {
 
 using ws::frame::Resampler;
 
-std::vector<float> sine(double freq, double rate, size_t n, double amp = 0.5, double phase = 0.0) {
-    std::vector<float> s(n);
-    for (size_t i = 0; i < n; ++i) {
-        s[i] = static_cast<float>(amp * std::sin(2.0 * std::numbers::pi * freq * static_cast<double>(i) / rate + phase));
-    }
-    return s;
+// A sine of amplitude 0.5 at the given phase.
+std::vector<float> sine(double freq, double rate, size_t n, double phase = 0.0) {
+    return ws::test::harmonic(freq, rate, n, {0.5}, phase);
 }
 
 // Least-squares fit of a sine of known frequency over [from, to): its
 // amplitude, phase, and the level of what is left, in dB against the
-// fitted amplitude (or against 1 when `absolute`).
+// fitted amplitude.
 struct Fit {
     double amp, phase, residual_db;
 };
@@ -51,7 +49,7 @@ Fit fit(const std::vector<float>& x, double freq, double rate, size_t from, size
 TEST(Resampler, ARoundTripThroughADeviceRateKeepsPhaseAndLevel) {
     for (double f : {100.0, 1000.0, 15000.0}) {
         SCOPED_TRACE(f);
-        const std::vector<float> x = sine(f, 44100, 44100, 0.5, 0.3);
+        const std::vector<float> x = sine(f, 44100, 44100, 0.3);
         const std::vector<float> up = Resampler::convert(x.data(), x.size(), 44100, 48000);
         ASSERT_EQ(up.size(), 48000u);
         const std::vector<float> back = Resampler::convert(up.data(), up.size(), 48000, 44100);
@@ -80,7 +78,7 @@ TEST(Resampler, ImagesAndAliasesStayBelowMinus90dB) {
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(testing::Message() << r.in << " -> " << r.out << " at " << r.f);
-        const std::vector<float> x = sine(r.f, r.in, r.in, 0.5);
+        const std::vector<float> x = sine(r.f, r.in, r.in);
         const std::vector<float> y = Resampler::convert(x.data(), x.size(), r.in, r.out);
         const size_t from = r.out / 20, to = y.size() - r.out / 20;
         if (r.passes) {

@@ -3,6 +3,7 @@
 // what a refused write leaves behind.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <limits>
@@ -76,14 +77,20 @@ TEST(TakeWriterPass, DroppedPeriodsBecomeSilenceAheadOfTheWaitingSamples) {
     CoreRig rig;
     ASSERT_TRUE(rig.open(dir.file("t.wav")));
     // 600 periods without a consumer: 594 fit (261954 of 262144 samples),
-    // the last 6 are dropped whole.
+    // the last 6, louder, are dropped whole; they count as captured but
+    // leave the input peak as it was.
     std::vector<float> in(kPeriod);
+    double peak = 0.0;
     for (int p = 0; p < 600; ++p) {
-        for (uint32_t i = 0; i < kPeriod; ++i) in[i] = static_cast<float>((p % 200 + 1) / 256.0);
+        const float v = p < 594 ? static_cast<float>((p % 200 + 1) / 256.0) : 0.9f;
+        std::fill(in.begin(), in.end(), v);
+        if (p == 594) peak = rig.core.ring().input_peak();
         rig.push(in.data());
     }
+    EXPECT_EQ(rig.core.ring().input_peak(), peak);
     EXPECT_EQ(rig.core.ring().captured_frames(), 600u * kPeriod);
     EXPECT_EQ(rig.core.ring().dropped_pending(), 6u * kPeriod);
+    EXPECT_EQ(rig.core.ring().pending(), 594u * kPeriod);
     EXPECT_TRUE(rig.core.ring().take_overflow());
     ASSERT_TRUE(rig.core.writer().pass());
     EXPECT_EQ(rig.core.ring().dropped_pending(), 0u);
