@@ -2,9 +2,10 @@
 # SPDX-License-Identifier: MIT
 # End-to-end checks of the woodshed program as a user meets it: tones of
 # known pitch through the tuner, every input format through the take tools,
-# pipes, click tracks, the JSON output, each failure class with its line and
-# exit status. Expected answers come from equal temperament, the tempo and
-# delays put in by hand, not from the program.
+# pipes, click tracks, takes recorded and ended by signals, the JSON output,
+# each failure class with its line and exit status. Expected answers come
+# from equal temperament, the tempo and delays put in by hand, not from the
+# program.
 #
 # usage: cli_test.sh [EMULATOR...] WOODSHED
 #   e.g. cli_test.sh build/release/bin/woodshed
@@ -149,6 +150,7 @@ printf 'not audio\n' > text.wav
 : > empty.wav
 mkdir -p folder
 sox -n -r 48000 -b 16 r48.wav synth 1 sine 440
+sox -n -r 44100 -b 24 b24.wav synth 0.1 sine 440
 # status  stderr starts with                        arguments
 failure_cases=(
   "3 missing.wav: no such file                 align back.wav missing.wav"
@@ -167,7 +169,18 @@ failure_cases=(
   "5 no-such-dir/x.wav: No such file           tone no-such-dir/x.wav"
   "5 no-such-dir/x.wav: No such file           click --render no-such-dir/x.wav --bars 1"
   "5 folder: is a directory                    record --backing back.wav --take folder"
+  "2 record: --backing FILE is required        record --take t.wav"
+  "2 record: the take must not be the backing  record --backing back.wav --take back.wav"
+  "2 --from wants a number from 0              record --backing back.wav --take t.wav --from -1"
+  "5 no-such-dir/t.wav: no such folder         record --backing back.wav --take no-such-dir/t.wav"
 )
+if [ -n "${PULSE_SERVER:-}" ]; then  # the device opens before the backing is read
+  failure_cases+=(
+    "3 missing.wav: no such file                 record --backing missing.wav --take t.wav"
+    "3 b24.wav: 24-bit PCM WAV; the backing      record --backing b24.wav --take t.wav"
+    "4 no capture devices match 'no-such-input'  record --backing back.wav --take t.wav --input no-such-input"
+  )
+fi
 for c in "${failure_cases[@]}"; do
   want=${c%% *}
   rest=${c#* }
@@ -192,7 +205,7 @@ if [ "$native" -eq 1 ]; then
     [ "$rc" -eq 5 ] && [[ "$err" == "woodshed: ro.wav: read-only"* ]]; verdict "a read-only take is not replaced"
   fi
 fi
-[ ! -e x.wav ] && [ -z "$(ls -A | grep -E 'tmp|taw')" ]; verdict "refused commands leave no file behind"
+[ ! -e x.wav ] && [ ! -e t.wav ] && [ -z "$(ls -A | grep -E 'tmp|taw')" ]; verdict "refused commands leave no file behind"
 
 # ---- help, man page, completion ---------------------------------------------------
 for c in tune tone click devices record align clean; do
@@ -238,7 +251,23 @@ if [ -n "${PULSE_SERVER:-}" ]; then
     wait "$player" 2> /dev/null
     grep -q '"note":"A3".*"state":"in tune"' <<< "$out"; verdict "live tuner on A3"
   fi
-  # A take ended by each signal is complete: its header states its size.
+  # Takes are complete WAV files whose header states their size, also when a
+  # signal ends them: one second from the default input under a name that is
+  # not ASCII, one to the backing's end from the monitor chosen by name.
+  complete() {
+    python3 -c 'import wave, sys, os
+w = wave.open(sys.argv[1])
+ok = (w.getnchannels(), w.getsampwidth(), w.getframerate()) == (1, 2, 44100)
+print("%.3f s" % (w.getnframes() * 1000 // 44100 / 1000) if ok and w.getnframes() * 2 + 44 == os.path.getsize(sys.argv[1]) else "incomplete")' "$1" 2>&1
+  }
+  run record --backing back.wav --take "t ä.wav" --seconds 1
+  len=$(complete "t ä.wav")
+  [ "$rc" -eq 0 ] && [[ "$len" == 1.* ]] && grep -q "^take: 't ä\.wav', $len\$" <<< "$out"; verdict "one-second take: $len"
+  run devices --json
+  monitor=$(json '[d["name"] for d in j["capture"] if "Woodshed_null_sink" in d["name"]][0]')
+  run record --backing back.wav --take t2.wav --from 5.5 --input "$monitor"
+  len=$(complete t2.wav)
+  [ "$rc" -eq 0 ] && [[ "$len" == 1.* ]] && grep -q "input \"$monitor\"" <<< "$out"; verdict "take to the backing's end from $monitor: $len"
   if [ "$native" -eq 1 ]; then
     for sig in INT TERM HUP; do
       "${ws[@]}" record --backing back.wav --take "sig$sig.wav" --json > stdout.txt 2> stderr.txt &
@@ -247,9 +276,8 @@ if [ -n "${PULSE_SERVER:-}" ]; then
       kill -"$sig" "$pid"
       wait "$pid"
       rc=$?
-      frames=$(python3 -c 'import wave, sys; w = wave.open(sys.argv[1]); print(w.getnframes() * 2 + 44)' "sig$sig.wav")
       out=$(cat stdout.txt)
-      [ "$rc" -eq 130 ] && [ "$frames" -eq "$(wc -c < "sig$sig.wav")" ] \
+      [ "$rc" -eq 130 ] && [ "$(complete "sig$sig.wav")" != incomplete ] \
         && [ "$(json 'j["interrupted"]')" = True ]; verdict "record ended by SIG$sig"
     done
   fi
