@@ -109,17 +109,28 @@ void write_report_svg(const std::string& file, const MonoTake& take, const Pract
     const std::vector<TunerReading> track = pitch_track(take, tuner);
     const double rate = take.rate;
     const double seconds = static_cast<double>(take.mono.size()) / rate;
-    int lo = 127, hi = 0;
-    for (const auto& n : notes) lo = std::min(lo, n.note), hi = std::max(hi, n.note);
-    if (notes.empty()) lo = 57, hi = 69;
-    lo -= 1;
-    hi += 1;
+    // Lanes for the notes played and one either side; a stretch of empty
+    // lanes between them is left out (a thick line marks the cut), so one
+    // stray low note does not squeeze the melody into a corner.
+    std::vector<int> shown;  // highest first
+    for (const auto& n : notes) {
+        for (int k = n.note + 1; k >= n.note - 1; --k) shown.push_back(k);
+    }
+    if (notes.empty()) {
+        for (int k = 69; k >= 57; --k) shown.push_back(k);
+    }
+    std::sort(shown.begin(), shown.end(), std::greater<>());
+    shown.erase(std::unique(shown.begin(), shown.end()), shown.end());
+    const auto lane_of = [&](int note) {
+        const auto it = std::find(shown.begin(), shown.end(), note);
+        return it == shown.end() ? -1 : static_cast<int>(it - shown.begin());
+    };
     const double px_s = std::clamp(1600.0 / seconds, 80.0, 300.0);
     const double left = 56, strip = 90, top = 40 + strip, lane = 26;
     const double width = left + seconds * px_s + 20;
-    const double height = top + (hi - lo + 1) * lane + 40;
+    const double height = top + static_cast<double>(shown.size()) * lane + 40;
     const auto x_of = [&](double frame) { return left + frame / rate * px_s; };
-    const auto y_of = [&](double note) { return top + (hi - note + 0.5) * lane; };
+    const auto y_of = [&](int note) { return top + (lane_of(note) + 0.5) * lane; };
 
     std::string s;
     char buf[512];
@@ -133,11 +144,16 @@ void write_report_svg(const std::string& file, const MonoTake& take, const Pract
     static constexpr bool kBlack[12] = {0, 1, 0, 1, 0, 0, 1, 0, 1, 0, 1, 0};
     static constexpr const char* kNames[12] = {"C",  "C#", "D",  "D#", "E",  "F",
                                                "F#", "G",  "G#", "A",  "A#", "B"};
-    for (int n = lo; n <= hi; ++n) {
+    for (size_t i = 0; i < shown.size(); ++i) {
+        const int n = shown[i];
         add("<rect x=\"%.0f\" y=\"%.1f\" width=\"%.0f\" height=\"%.1f\" fill=\"%s\"/>\n", left,
             y_of(n) - lane / 2, width - left, lane, kBlack[((n % 12) + 12) % 12] ? "#eef0f4" : "#f9fafc");
         add("<text x=\"6\" y=\"%.1f\" fill=\"#555\">%s%d</text>\n", y_of(n) + 4,
             kNames[((n % 12) + 12) % 12], n / 12 - 1);
+        if (i > 0 && shown[i - 1] != n + 1) {
+            add("<line x1=\"0\" y1=\"%.1f\" x2=\"%.0f\" y2=\"%.1f\" stroke=\"#8a93a3\" stroke-width=\"3\" "
+                "stroke-dasharray=\"8,4\"/>\n", y_of(n) - lane / 2, width, y_of(n) - lane / 2);
+        }
     }
     // The grid: bars dark, beats light, steps dotted.
     const double step = 60.0 * rate * 1e6 / static_cast<double>(grid.tempo_ubpm) / grid.subdivision;
@@ -155,7 +171,10 @@ void write_report_svg(const std::string& file, const MonoTake& take, const Pract
     }
     // Timing strip above the lanes: at each note's grid position a bar up
     // (late) or down (early), 60 ms to the strip's half height, its ms
-    // written beside it.
+    // written beside it; a label that would overlap the one before on its
+    // side moves one line outwards.
+    double last_label[2] = {-1e9, -1e9};
+    int label_row[2] = {0, 0};
     const double mid = 40 + strip / 2 - 4;
     add("<line x1=\"%.0f\" y1=\"%.1f\" x2=\"%.0f\" y2=\"%.1f\" stroke=\"#999\"/>\n", left, mid,
         width - 20, mid);
@@ -166,8 +185,12 @@ void write_report_svg(const std::string& file, const MonoTake& take, const Pract
         const double h = std::clamp(n.deviation_ms / 50.0, -1.0, 1.0) * (strip / 2 - 8);
         add("<rect x=\"%.1f\" y=\"%.1f\" width=\"8\" height=\"%.1f\" fill=\"%s\"/>\n", xg - 4,
             h > 0 ? mid - h : mid, std::max(1.0, std::fabs(h)), shade(n.deviation_ms, 20, 40));
-        add("<text x=\"%.1f\" y=\"%.1f\" fill=\"#333\" font-size=\"9\">%+.0f</text>\n", xg + 5,
-            h > 0 ? mid - 3 : mid + 10, std::fabs(n.deviation_ms) < 0.5 ? 0.0 : n.deviation_ms);
+        const int side = h > 0 ? 0 : 1;
+        label_row[side] = xg - last_label[side] < 30 ? (label_row[side] + 1) % 3 : 0;
+        last_label[side] = xg;
+        const double row = 11.0 * label_row[side];
+        add("<text x=\"%.1f\" y=\"%.1f\" fill=\"#333\" font-size=\"10\">%+.0f</text>\n", xg + 5,
+            h > 0 ? mid - 3 - row : mid + 11 + row, std::fabs(n.deviation_ms) < 0.5 ? 0.0 : n.deviation_ms);
     }
     // Notes: a bar on the lane from onset to end, shaded by its cents, the
     // cents written on it, and a tick down from the strip at the onset.
@@ -185,7 +208,9 @@ void write_report_svg(const std::string& file, const MonoTake& take, const Pract
         add("<line x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\" stroke=\"#222\" stroke-width=\"1.5\"/>\n",
             x0, y - lane / 2, x0, y + lane / 2);
     }
-    // The pitch curve: every pitched reading at its window's middle.
+    // The pitch curve: every pitched reading at its window's middle (a
+    // reading's time is its window's end; windows are two hops long).
+    const uint64_t hop_us = track.size() > 1 ? track[1].time_us - track[0].time_us : 0;
     std::string path;
     double last_x = -1e9;
     for (const TunerReading& r : track) {
@@ -196,10 +221,13 @@ void write_report_svg(const std::string& file, const MonoTake& take, const Pract
         // On its nearest note's lane, magnified: the lane's edges are +-50 cents.
         const double semis = r.note + 12.0 * std::log2(r.frequency_hz / r.target_hz);
         const double nearest = std::round(semis);
-        if (nearest < lo || nearest > hi) continue;
-        const double y = y_of(nearest) - (semis - nearest) * lane;
-        const double t_end = static_cast<double>(r.time_us) * 1e-6;
-        const double x = left + t_end * px_s;
+        if (lane_of(static_cast<int>(nearest)) < 0) {
+            last_x = -1e9;
+            continue;
+        }
+        const double y = y_of(static_cast<int>(nearest)) - (semis - nearest) * lane;
+        const double t_mid = static_cast<double>(r.time_us - std::min(r.time_us, hop_us)) * 1e-6;
+        const double x = left + t_mid * px_s;
         std::snprintf(buf, sizeof buf, "%s%.1f,%.1f ", x - last_x > 40 ? "M" : "L", x, y);
         path += buf;
         last_x = x;
