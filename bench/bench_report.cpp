@@ -172,6 +172,7 @@ int main(int argc, char** argv) {
                 return 1;
             }
             reductions.push_back(reduction);
+            if (std::getenv("MISS") != nullptr) std::printf("melody %d: leak down %.1f dB\n", m, reduction);
         }
         const auto notes = ws::takes::report_notes(take.audio.data(), take.audio.size(), uint32_t(kRate),
                                                    nullptr, take.grid);

@@ -1,18 +1,21 @@
 // woodshed report: the notes of a take against the beat (ta_report_buffer),
 // as a table, as JSON, and as a picture (SVG) of the pitch curve
 // (tn_offline_track) on note lanes with the beat grid and each onset's
-// timing.
+// timing. Beat 1 is given, or found from the backing: its first sound,
+// heard in the take at the backing's delay (ta_analyze).
 #include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "cli.hpp"
 #include "json_out.hpp"
 #include "report_view.hpp"
+#include "takes_cli.hpp"
 #include "woodshed/takes.h"
 #include "woodshed/tuner.h"
 
@@ -21,8 +24,50 @@ namespace {
 
 constexpr OptionSpec kSpecs[] = {
     {"bpm", true}, {"beats", true}, {"subdivision", true}, {"first-beat", true},
-    {"a4", true},  {"json", false}, {"svg", true},
+    {"a4", true},  {"json", false}, {"svg", true}, {"backing", true}, {"delay", true},
 };
+
+// Mean power of x[from, to), clipped to x.
+double power(const std::vector<float>& x, int64_t from, int64_t to) {
+    from = std::clamp<int64_t>(from, 0, static_cast<int64_t>(x.size()));
+    to = std::clamp<int64_t>(to, from, static_cast<int64_t>(x.size()));
+    double sum = 0.0;
+    for (int64_t i = from; i < to; ++i) sum += static_cast<double>(x[static_cast<size_t>(i)]) * x[static_cast<size_t>(i)];
+    return to > from ? sum / static_cast<double>(to - from) : 0.0;
+}
+
+// Where beat 1 falls in the take, from the backing: the backing's first
+// sound (a count-in, or a start on the downbeat) heard `delay` frames into
+// the take. Only a backing that then sounds on the beats at `bpm` is
+// trusted: its energy must rise at two of the three beats after the first
+// (a pad fading in, or a pickup before bar 1, fails this and asks for
+// --first-beat instead).
+int64_t beat_one_from_backing(const std::string& path, double rate, int64_t delay, double bpm) {
+    const MonoTake backing = read_mono_take(path);
+    if (static_cast<double>(backing.rate) != rate) {
+        input_error(path, "has another sample rate than the take (" + std::to_string(backing.rate) + " Hz)");
+    }
+    float peak = 0.0f;
+    for (float v : backing.mono) peak = std::max(peak, std::fabs(v));
+    if (peak <= 0.0f) input_error(path, "is silent: no beat to find");
+    // The first frame 40 dB under the loudest: within a fraction of a
+    // millisecond of a click's or a drum's start.
+    int64_t first = 0;
+    while (std::fabs(backing.mono[static_cast<size_t>(first)]) < 0.01f * peak) ++first;
+    const double beat = 60.0 * rate / bpm;
+    const auto ms = [&](double m) { return static_cast<int64_t>(std::llround(m * rate / 1000.0)); };
+    int rising = 0;
+    for (int k = 1; k <= 3; ++k) {
+        const int64_t at = first + static_cast<int64_t>(std::llround(k * beat));
+        if (power(backing.mono, at - ms(2), at + ms(20)) > 2.0 * power(backing.mono, at - ms(40), at - ms(5))) ++rising;
+    }
+    if (rising < 2) {
+        throw Failure("the backing '" + path + "' does not begin with beats at this tempo (its energy rises at " +
+                      std::to_string(rising) + " of the 3 beats after its first sound); give --first-beat");
+    }
+    return delay + first;
+}
+
 
 void print_report_json(const std::string& path, const std::vector<TakeReportNote>& notes,
                        const TakeReportSummary& s, double rate, double bpm) {
@@ -71,9 +116,38 @@ int run_report(std::span<const std::string> args) {
     if (auto v = opts.value("a4")) tuner.a4_hz = parse_number("a4", *v, 400, 480);
     const std::string& path = opts.positionals()[0];
 
-    const MonoTake take = read_mono_take(path);
+    const auto backing = opts.value("backing");
+    if (backing && opts.value("first-beat")) throw UsageError("give --first-beat or --backing, not both");
+    if (!backing && opts.value("delay")) throw UsageError("--delay goes with --backing");
+    // With a backing the take is read through the take tools' own input
+    // (stdin is read once, into a copy), as its delay may have to be found.
+    std::unique_ptr<takes::Input> prepared;
+    if (backing) prepared = std::make_unique<takes::Input>(takes::prepare(path, ""));
+    const MonoTake take = read_mono_take(prepared ? prepared->library_path : path);
     if (auto v = opts.value("first-beat")) {
         grid.first_beat_frame = std::llround(parse_number("first-beat", *v, -3600, 1e6) * take.rate);
+    }
+    if (backing) {
+        int64_t delay = 0;
+        if (auto v = opts.value("delay")) {
+            delay = static_cast<int64_t>(std::llround(parse_number("delay", *v, -1e12, 1e12)));
+        } else {
+            const takes::Input b = takes::prepare(*backing, "");
+            takes::check_pair(b, *prepared);
+            TakeAnalysis a{};
+            takes::check(ta_analyze(b.library_path.c_str(), prepared->library_path.c_str(), 0, 0, 500, &a), b,
+                         *prepared);
+            if (a.valid != 1) {
+                throw Failure("no trustworthy delay of the backing in the take (a cleaned take holds little of "
+                              "it): give --delay as 'woodshed clean' or 'align' found it on the take as recorded");
+            }
+            delay = a.delay_frames;
+        }
+        grid.first_beat_frame = beat_one_from_backing(*backing, take.rate, delay, bpm);
+        if (!opts.flag("json")) {
+            std::printf("beat 1 at %.3f s: the backing's first sound, heard %lld frames into the take\n",
+                        static_cast<double>(grid.first_beat_frame) / take.rate, static_cast<long long>(delay));
+        }
     }
     if (take.mono.size() > static_cast<size_t>(INT32_MAX)) input_error(path, "too long for a report");
     const PracticeReport report = make_report(take, tuner, grid);
@@ -107,6 +181,12 @@ const Command kReportCommand = {
     "  --beats N            beats per bar, 1..32 (default 4)\n"
     "  --subdivision N      grid steps per beat, 1..16 (default 1; 2 for eighths)\n"
     "  --first-beat SECONDS where beat 1 of bar 1 falls in the take (default 0)\n"
+    "  --backing FILE       beat 1 from the backing played during the take: its\n"
+    "                       first sound (a count-in, or a start on the downbeat),\n"
+    "                       heard at the backing's delay in the take; refused\n"
+    "                       unless the backing then sounds on the beats at BPM\n"
+    "  --delay FRAMES       that delay, as 'woodshed clean' or 'align' printed it\n"
+    "                       (needed for a cleaned take; else it is found)\n"
     "  --a4 HZ              reference pitch of A4, 400..480 (default 440)\n"
     "  --json               print the notes and summary as JSON instead\n"
     "  --svg FILE           also draw the take: pitch curve on note lanes, notes\n"
