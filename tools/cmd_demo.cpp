@@ -382,7 +382,10 @@ bool as_played(const std::vector<HeardNote>& notes) {
 // stream starts beside the backing's, not with it, so every note is found
 // off its beat by the line's own offset plus the amount it was played off;
 // the offset is taken as the median of the differences, and each note must
-// then lie within 10 ms and 5 cents of how it was played.
+// then lie within 5 cents and 30 ms of how it was played. Not closer in
+// time: a sound server that falls behind can move one stream against the
+// other in mid-take by a period, which no take tool sees (the bench holds
+// the report's timing to 5 ms on takes whose truth is exact).
 bool report_step(const Files& f, const TakeAnalysis& a) {
     const MonoTake take = read_mono_take(f.cleaned);
     const TunerConfig tuner{440.0, 55.0, 1200.0, 5.0, -1, 0};
@@ -426,7 +429,7 @@ bool report_step(const Files& f, const TakeAnalysis& a) {
         std::printf("   and %zu note%s where the line rests: what the cleaning left of the backing\n", extra,
                     extra == 1 ? "" : "s");
     }
-    return timing <= 10.0 && tuning <= 5.0;
+    return timing <= 30.0 && tuning <= 5.0;
 }
 
 // Two bars after a one-bar count-in; one line per beat, read from the
