@@ -244,6 +244,44 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
             for (size_t k = run.first; k <= run.last; ++k) own.push_back(power(k));
             return percentile(own, 0.5) < floor_power;
         });
+
+        // What the cleaning leaves of a drum hit or a bass note under a held
+        // note can make the tracker slip an octave or two for a few readings,
+        // or read a stray note just before the next one starts. A run an
+        // octave or two from the run it follows without a gap, whose first
+        // windows are no louder than that run's last (a note played adds
+        // energy), is that note still: the readings on the other octave count
+        // for nothing, as cents come from the run's own note. A run of two
+        // readings that the next run takes over without a gap is that run's
+        // beginning: its onset search then starts early enough.
+        std::vector<Run> joined;
+        for (const Run& run : runs) {
+            if (!joined.empty()) {
+                Run& prev = joined.back();
+                const int apart = std::abs(run.note - prev.note);
+                const bool adjacent = run.first <= prev.last + 3;
+                const double rise = std::max(power(run.first), power(run.first + 1)) /
+                                    std::max(power(prev.last), 1e-30);
+                if (adjacent && (apart == 0 || ((apart == 12 || apart == 24) && rise < 2.0))) {
+                    prev.last = std::max(prev.last, run.last);
+                    // The note is the octave most of its readings hold.
+                    size_t on_prev = 0, on_run = 0;
+                    for (size_t k = prev.first; k <= prev.last; ++k) {
+                        const int note = pitch_of(track[k]).note;
+                        on_prev += note == prev.note ? 1 : 0;
+                        on_run += note == run.note ? 1 : 0;
+                    }
+                    if (on_run > on_prev) prev.note = run.note;
+                    continue;
+                }
+                if (run.first <= prev.last + 2 && prev.last - prev.first <= 1 && run.last - run.first >= 3) {
+                    prev = {prev.first, run.last, run.note};
+                    continue;
+                }
+            }
+            joined.push_back(run);
+        }
+        runs = std::move(joined);
     }
 
     const FluxFrames ff = flux_frames(rate);

@@ -144,6 +144,11 @@ run align back.wav other.wav --json
 head -c 200000 take.wav > cut.wav
 run align back.wav cut.wav
 grep -q 'cut.wav: the header gives 6.050 s of audio, the file holds 2.267 s' <<< "$err"; verdict "a header that promises more is warned about"
+# Beat 1 from a click track heard 0.3 s into the take; refused at a tempo it does not keep.
+run click --render ck.wav --bars 2 --count-in 1 && sox ck.wav ckt.wav pad 0.3 2> /dev/null
+run report ckt.wav --bpm 120 --backing ck.wav
+ok=$rc; grep -q "^beat 1 at 0.300 s" <<< "$out" && run report ckt.wav --bpm 100 --backing ck.wav
+[ "$ok" -eq 0 ] && [ "$rc" -eq 1 ]; verdict "report: beat 1 from a click track, refused off its tempo"
 
 # ---- each failure class: one line naming the file and the reason, its status ----
 printf 'not audio\n' > text.wav
