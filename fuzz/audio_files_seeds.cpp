@@ -1,5 +1,6 @@
 // Writes the starting corpus of fuzz_audio_files into the directory given as
-// the only argument: a mode byte (bit 0: the take commands' conversion),
+// the only argument: a mode byte (bit 0: the take commands' conversion; bit
+// 1: through a pipe),
 // then a file: WAVs in every encoding the program reads and some it refuses
 // or warns about, a small FLAC (verbatim and constant blocks) and an MP3 of
 // silent frames behind an ID3 tag.
@@ -117,10 +118,11 @@ int main(int argc, char** argv) {
         {"mp3", mp3(4)},
     };
     for (const auto& [name, file] : files) {
-        for (uint8_t mode = 0; mode < 2; ++mode) {
+        for (uint8_t mode = 0; mode < 4; ++mode) {
             Bytes b = {mode};
             b.insert(b.end(), file.begin(), file.end());
-            if (!seeds::write_seed(argv[1], name + std::string(mode ? "_take" : "_read"), b)) return 1;
+            const std::string kind = std::string(mode & 1 ? "_take" : "_read") + (mode & 2 ? "_piped" : "");
+            if (!seeds::write_seed(argv[1], name + kind, b)) return 1;
         }
     }
     return 0;

@@ -2,8 +2,9 @@
 // bytes: the header inspection, the decoders (WAV, FLAC, MP3) behind the
 // program's own checks, and what the commands do next: `tune` and `report`
 // read blocks at 8..384 kHz (other rates converted to 48 kHz), the take
-// commands convert to the 16-bit WAV the take tools read. The first byte
-// chooses which. A damaged file may end only in an InputError (one line,
+// commands convert to the 16-bit WAV the take tools read. Bit 0 of the
+// first byte chooses which, bit 1 whether the file arrives as a pipe does
+// (on stdin, read whole, decoded from memory). A damaged file may end only in an InputError (one line,
 // exit status 3); any other exception escapes and aborts, and so does a
 // broken promise: a rate outside the accepted range, a block longer than
 // asked, a converted copy the take tools would not read as it is.
@@ -74,8 +75,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
           "the file and its bytes inspected differently");
 
     const bool take_tools = (data[0] & 1) != 0;
+    const bool piped = (data[0] & 2) != 0;
+    if (piped) check(std::freopen(path.c_str(), "rb", stdin) != nullptr, "the file as stdin");
     try {
-        cli::AudioReader reader(path, take_tools ? 1 : 8000, take_tools ? 0xFFFFFFFFu : 384000,
+        cli::AudioReader reader(piped ? "-" : path, take_tools ? 1 : 8000, take_tools ? 0xFFFFFFFFu : 384000,
                                 take_tools ? 44100 : 48000);
         const uint32_t file_rate = reader.file_sample_rate();
         check(file_rate >= cli::kLowestFileRate && file_rate <= cli::kHighestFileRate, "file rate");
