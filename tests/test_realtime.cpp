@@ -23,9 +23,9 @@
 #include "recorder/take_writer.hpp"
 #include "rt_counter.hpp"
 #include "sound_server.hpp"
+#include "tuner/engine.hpp"
 #include "woodshed/metronome.h"
 #include "woodshed/recorder.h"
-#include "tuner/engine.hpp"
 #include "woodshed/tuner.h"
 
 namespace {
@@ -129,7 +129,7 @@ TEST(RealTime, ClickCallbackNeitherAllocatesNorLocksNorSleeps) {
 // ring in the same period; the writer thread does the file work elsewhere.
 // Here the writer is held, as a stalled disk would hold it, until the ring
 // has overflowed, so the callback takes its drop path too; released, the
-// writer still makes the take a whole WAV file, the drops as silence.
+// writer still makes the take a whole WAV file that keeps the dropped time.
 TEST(RealTime, DuplexCallbackNeitherAllocatesNorLocksNorSleeps) {
     WS_REQUIRE_SOUND_SERVER();
     const auto dir = std::filesystem::temp_directory_path();
