@@ -211,10 +211,68 @@ double note_frequency(int midi, double a4_hz) {
 
 // ---- audio input -------------------------------------------------------
 
+namespace {
+
+// A pipe, read whole, served to the decoder as a file system of one file.
+// miniaudio's own calls for memory and for a path free a pointer into the
+// decoder when the format conversion cannot be set up (a WAV of 256
+// channels): the file-system call cleans up as it should, so every input
+// goes through it.
+struct MemoryFile {
+    ma_vfs_callbacks callbacks;  // first: miniaudio reads the file system as its callbacks
+    const std::vector<unsigned char>* bytes;
+    uint64_t pos;
+};
+
+MemoryFile& memory_file(ma_vfs* vfs) { return *static_cast<MemoryFile*>(vfs); }
+
+ma_result memory_open(ma_vfs* vfs, const char*, ma_uint32, ma_vfs_file* file) {
+    memory_file(vfs).pos = 0;
+    *file = vfs;
+    return MA_SUCCESS;
+}
+ma_result memory_open_w(ma_vfs* vfs, const wchar_t*, ma_uint32 mode, ma_vfs_file* file) {
+    return memory_open(vfs, nullptr, mode, file);
+}
+ma_result memory_close(ma_vfs*, ma_vfs_file) { return MA_SUCCESS; }
+ma_result memory_read(ma_vfs* vfs, ma_vfs_file, void* dst, size_t size, size_t* got) {
+    MemoryFile& f = memory_file(vfs);
+    const uint64_t total = f.bytes->size();
+    const size_t n = f.pos < total ? static_cast<size_t>(std::min<uint64_t>(size, total - f.pos)) : 0;
+    if (n > 0) std::memcpy(dst, f.bytes->data() + f.pos, n);
+    f.pos += n;
+    if (got != nullptr) *got = n;
+    return n == 0 && size > 0 ? MA_AT_END : MA_SUCCESS;
+}
+ma_result memory_write(ma_vfs*, ma_vfs_file, const void*, size_t, size_t*) { return MA_NOT_IMPLEMENTED; }
+ma_result memory_seek(ma_vfs* vfs, ma_vfs_file, ma_int64 offset, ma_seek_origin origin) {
+    MemoryFile& f = memory_file(vfs);
+    const auto base = static_cast<int64_t>(origin == ma_seek_origin_start     ? 0
+                                           : origin == ma_seek_origin_current ? f.pos
+                                                                              : f.bytes->size());
+    // The offset comes from the file's own fields: no overflow, no negative position.
+    if (offset < -base || offset > INT64_MAX - base) return MA_BAD_SEEK;
+    f.pos = static_cast<uint64_t>(base + offset);
+    return MA_SUCCESS;
+}
+ma_result memory_tell(ma_vfs* vfs, ma_vfs_file, ma_int64* cursor) {
+    *cursor = static_cast<ma_int64>(memory_file(vfs).pos);
+    return MA_SUCCESS;
+}
+ma_result memory_info(ma_vfs* vfs, ma_vfs_file, ma_file_info* info) {
+    info->sizeInBytes = memory_file(vfs).bytes->size();
+    return MA_SUCCESS;
+}
+
+}  // namespace
+
 struct AudioReader::Impl {
     ma_decoder decoder{};
     bool open = false;
     std::vector<unsigned char> memory;  // a pipe, read whole
+    MemoryFile memory_vfs{{memory_open, memory_open_w, memory_close, memory_read, memory_write, memory_seek,
+                           memory_tell, memory_info},
+                          &memory, 0};
     ~Impl() {
         if (open) ma_decoder_uninit(&decoder);
     }
@@ -261,14 +319,13 @@ std::vector<unsigned char> read_stream(const std::string& path) {
     return bytes;
 }
 
-ma_result open_decoder(const std::string& path, const std::vector<unsigned char>& memory,
-                           uint32_t rate, ma_decoder* decoder) {
+ma_result open_decoder(const std::string& path, MemoryFile& memory, uint32_t rate, ma_decoder* decoder) {
     const ma_decoder_config config = ma_decoder_config_init(ma_format_f32, 0, rate);
-    if (!memory.empty()) return ma_decoder_init_memory(memory.data(), memory.size(), &config, decoder);
+    if (!memory.bytes->empty()) return ma_decoder_init_vfs(&memory, "stdin", &config, decoder);
 #if defined(_WIN32)
-    return ma_decoder_init_file_w(widen(path).c_str(), &config, decoder);
+    return ma_decoder_init_vfs_w(nullptr, widen(path).c_str(), &config, decoder);
 #else
-    return ma_decoder_init_file(path.c_str(), &config, decoder);
+    return ma_decoder_init_vfs(nullptr, path.c_str(), &config, decoder);
 #endif
 }
 
@@ -291,9 +348,13 @@ AudioReader::AudioReader(const std::string& path, uint32_t min_rate, uint32_t ma
         facts = inspect_bytes(impl_->memory.data(), impl_->memory.size(), impl_->memory.size());
     }
     encoding_ = facts.encoding;
-    ma_result r = open_decoder(path, impl_->memory, 0, &impl_->decoder);
+    ma_result r = open_decoder(path, impl_->memory_vfs, 0, &impl_->decoder);
     if (r != MA_SUCCESS) {
         if (r == MA_DOES_NOT_EXIST) r = MA_INVALID_FILE;  // the file is there: an empty one reads so
+        if (facts.wav && facts.channels > MA_MAX_CHANNELS) {
+            fail(std::to_string(facts.channels) + " channels; files of up to " + std::to_string(MA_MAX_CHANNELS) +
+                 " are read");
+        }
         fail(facts.wav && !facts.encoding.empty() ? facts.encoding + ", which is not read here"
                                                   : decode_reason(r));
     }
@@ -313,7 +374,7 @@ AudioReader::AudioReader(const std::string& path, uint32_t min_rate, uint32_t ma
     if (rate < min_rate || rate > max_rate) {
         ma_decoder_uninit(&impl_->decoder);
         impl_->open = false;
-        r = open_decoder(path, impl_->memory, fallback_rate, &impl_->decoder);
+        r = open_decoder(path, impl_->memory_vfs, fallback_rate, &impl_->decoder);
         if (r != MA_SUCCESS) fail(decode_reason(r));
         impl_->open = true;
         rate = fallback_rate;

@@ -28,6 +28,11 @@ inline constexpr size_t kScratchSamples = 16384;  // largest chunk converted and
 inline constexpr uint64_t kCheckpointSamples = 220500;  // 5 s at 44100 Hz
 inline constexpr auto kWriterPeriod = std::chrono::milliseconds(8);
 
+// Tests only: while set, the writer thread's passes are skipped, as a stalled
+// disk would hold them, so the capture ring fills and the callback drops
+// periods. Nothing in the library sets it; a pass costs one relaxed load.
+inline std::atomic<bool> g_writer_held_for_tests{false};
+
 // x * 32767 in 32-bit float, truncated toward zero, clamped to 16 bits.
 // Full scale -1.0 gives -32767, symmetric with +1.0; -32768 only comes from
 // input below -1. NaN and values from 65538 up give -32768: that is what

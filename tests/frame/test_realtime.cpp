@@ -5,6 +5,7 @@
 // entry points and counts the calls made in between on that thread.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <cstdio>
@@ -18,13 +19,18 @@
 
 #include "frame/realtime.hpp"
 #include "frame/wav_header.hpp"
+#include "recorder/capture_ring.hpp"
+#include "recorder/take_writer.hpp"
 #include "rt_counter.hpp"
 #include "sound_server.hpp"
+#include "tuner/engine.hpp"
 #include "woodshed/metronome.h"
 #include "woodshed/recorder.h"
 #include "woodshed/tuner.h"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 // Self-check of the instrument: inside a callback-like scope, each thing
 // the rule forbids is seen.
@@ -68,21 +74,34 @@ void until(long n) {
     for (int i = 0; i < 1000 && ws::test::rt::callbacks() < n; ++i) wait_ms(10);
 }
 
-// Through a restart as well: the new device's first callbacks meet a ring
-// and an analyser just reset.
+// Through the worker's own reopen as well: its passes run here on the test's
+// clock, so a pass 2 s after the last, with no callback between, finds the
+// stream lost. The new device's first callbacks meet a ring and an analyser
+// just reset.
 TEST(RealTime, CaptureCallbackNeitherAllocatesNorLocksNorSleeps) {
     WS_REQUIRE_SOUND_SERVER();
     ws::test::TonePlayer tone;
     ASSERT_TRUE(tone.start(330.0));
     watch();
-    ASSERT_EQ(tn_engine_create(nullptr), ws_ok);
-    ASSERT_EQ(tn_engine_start(nullptr), ws_ok);
-    until(40);
-    ASSERT_EQ(tn_engine_start(nullptr), ws_ok);
+    ws::tuner::TunerEngine engine(nullptr, false);
+    ASSERT_EQ(engine.start(nullptr), ws_ok);
+    auto now = std::chrono::steady_clock::now();
+    const auto passes_until = [&](long n) {
+        for (int i = 0; i < 1000 && ws::test::rt::callbacks() < n; ++i, wait_ms(10)) engine.step(now += 10ms);
+    };
+    passes_until(40);
+    TunerStatus before{}, after{};
+    engine.copy_status(&before);
+    for (int i = 0; i < 100 && after.change_count <= before.change_count; ++i) {
+        engine.step(now += 10ms);
+        engine.step(now += ws::tuner::TunerEngine::kStallLimit + 1ms);
+        engine.copy_status(&after);
+    }
+    EXPECT_EQ(after.change_count, before.change_count + 2);  // reopening, then running
+    EXPECT_EQ(after.state, static_cast<uint32_t>(tn_engine_running));
     const long first = ws::test::rt::callbacks();
-    until(first + 40);
+    passes_until(first + 40);
     const long callbacks = unwatch();
-    EXPECT_EQ(tn_engine_destroy(), ws_ok);
     EXPECT_GE(callbacks, first + 40);
     EXPECT_EQ(ws::test::rt::counted(), 0);
 }
@@ -108,14 +127,17 @@ TEST(RealTime, ClickCallbackNeitherAllocatesNorLocksNorSleeps) {
 
 // The duplex recorder's callback plays the backing and feeds the capture
 // ring in the same period; the writer thread does the file work elsewhere.
+// Here the writer is held, as a stalled disk would hold it, until the ring
+// has overflowed, so the callback takes its drop path too; released, the
+// writer still makes the take a whole WAV file that keeps the dropped time.
 TEST(RealTime, DuplexCallbackNeitherAllocatesNorLocksNorSleeps) {
     WS_REQUIRE_SOUND_SERVER();
     const auto dir = std::filesystem::temp_directory_path();
     const std::string take = (dir / "woodshed-realtime-take.wav").string();
     const std::string backing = (dir / "woodshed-realtime-backing.wav").string();
     {
-        // Two seconds of a 220 Hz sine, so the callback plays real frames.
-        constexpr uint32_t kFrames = 88200;
+        // Eight seconds of a 220 Hz sine, so the callback plays real frames throughout.
+        constexpr uint32_t kFrames = 8 * 44100;
         const auto header = ws::frame::mono16_wav_header(44100, kFrames * 2);
         std::vector<uint8_t> bytes(header.begin(), header.end());
         for (uint32_t i = 0; i < kFrames; ++i) {
@@ -129,14 +151,30 @@ TEST(RealTime, DuplexCallbackNeitherAllocatesNorLocksNorSleeps) {
         std::fclose(f);
     }
     watch();
+    ws::recorder::g_writer_held_for_tests = true;
     ASSERT_EQ(sd_create(), ws_ok);
     ASSERT_EQ(sd_start(backing.c_str(), take.c_str(), nullptr, 0), ws_ok);
-    until(40);  // the backing lasts 2 s: 40 periods of 40 ms play it
+    // Half a second more than the ring holds at the device's rate, none of it drained.
+    const int64_t full = int64_t{ws::recorder::kRingSamples} * 44100 / sd_device_rate() + 22050;
+    RecorderState held{};
+    for (int i = 0; i < 1500 && (sd_get_state(&held), held.captured_frames < full); ++i) wait_ms(10);
+    ws::recorder::g_writer_held_for_tests = false;
+    until(ws::test::rt::callbacks() + 20);
     const long callbacks = unwatch();
-    EXPECT_GE(sd_stop(), 0);
+    const int64_t ms = sd_stop();
     EXPECT_EQ(sd_destroy(), ws_ok);
+    std::array<uint8_t, ws::frame::kWavHeaderBytes> header{};
+    std::FILE* f = std::fopen(take.c_str(), "rb");
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(std::fread(header.data(), 1, header.size(), f), header.size());
+    std::fclose(f);
+    const auto data = static_cast<uint32_t>(std::filesystem::file_size(take) - header.size());
     std::filesystem::remove(take);
     std::filesystem::remove(backing);
+    EXPECT_GE(held.captured_frames, full);
+    EXPECT_EQ(header, ws::frame::mono16_wav_header(44100, data));
+    EXPECT_EQ(ms, int64_t{data / 2} * 1000 / 44100);
+    EXPECT_GE(data / 2, held.captured_frames);  // the dropped periods are in it
     EXPECT_GE(callbacks, 40);
     EXPECT_EQ(ws::test::rt::counted(), 0);
 }
