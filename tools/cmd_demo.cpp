@@ -284,10 +284,10 @@ Recording load(const std::string& path) {
 // The notes of a recording as the tuner names them: readings every 20 ms
 // over the preceding quarter second; a run of one pitched note lasting
 // 0.2 s or more counts as a note played.
-// A note whose run breaks for less than the quarter second the readings
-// look back over is still one note: a reading lost to the leak's remainder,
-// or a seam where the take was re-aligned, disturbs every window that spans
-// it. (The line never plays one note twice in a row.)
+// A note whose run breaks for under 0.3 s is still one note: a reading
+// lost to the leak's remainder, or a seam where the take was re-aligned,
+// disturbs every reading whose quarter-second window spans it. (The line
+// never plays one note twice in a row.)
 struct HeardNote {
     int midi;
     double start, cents, end;
@@ -310,7 +310,7 @@ std::vector<HeardNote> notes_in(const std::string& path) {
         if (run_note >= 0 && run_cents.size() >= 10) {
             std::nth_element(run_cents.begin(), run_cents.begin() + static_cast<std::ptrdiff_t>(run_cents.size() / 2),
                              run_cents.end());
-            if (!heard.empty() && heard.back().midi == run_note && run_start - heard.back().end < 0.25) {
+            if (!heard.empty() && heard.back().midi == run_note && run_start - heard.back().end < 0.3) {
                 heard.back().end = run_end;
             } else {
                 heard.push_back({run_note, run_start, run_cents[run_cents.size() / 2], run_end});
