@@ -16,6 +16,7 @@
 
 #include "audio_files.hpp"
 #include "windows.hpp"
+#include "woodshed/tuner.h"
 
 #if defined(_WIN32)
 #  include <fcntl.h>
@@ -203,6 +204,16 @@ std::string note_name(int midi) {
                                                "F#", "G",  "G#", "A",  "A#", "B"};
     if (midi < 0 || midi > 127) return "--";
     return std::string(kNames[midi % 12]) + std::to_string(midi / 12 - 1);
+}
+
+const char* state_word(uint32_t state) {
+    switch (state) {
+        case tn_state_silent: return "silent";
+        case tn_state_holding: return "holding";
+        case tn_state_pitched: return "pitched";
+        case tn_state_in_tune: return "in tune";
+        default: return "unknown";
+    }
 }
 
 double note_frequency(int midi, double a4_hz) {

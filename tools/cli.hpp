@@ -122,6 +122,9 @@ int parse_note(std::string_view option, std::string_view text);
 // value outside 0..127).
 std::string note_name(int midi);
 
+// A tuner reading's state as a word: "silent", "holding", "pitched", "in tune".
+const char* state_word(uint32_t state);
+
 // Equal-tempered frequency of a MIDI note at the given A4.
 double note_frequency(int midi, double a4_hz);
 

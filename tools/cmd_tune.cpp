@@ -37,16 +37,6 @@ constexpr uint32_t kMaxRate = 384000;
 constexpr uint32_t kFallbackRate = 48000;
 constexpr int32_t kMaxChannels = 32;
 
-const char* state_word(uint32_t state) {
-    switch (state) {
-        case tn_state_silent: return "silent";
-        case tn_state_holding: return "holding";
-        case tn_state_pitched: return "pitched";
-        case tn_state_in_tune: return "in tune";
-        default: return "unknown";
-    }
-}
-
 std::string format_cents(double cents) {
     char buf[32];
     // Keep a tiny negative deviation from printing as "-0.0".

@@ -36,16 +36,6 @@ struct Engine {
     Engine& operator=(const Engine&) = delete;
 };
 
-const char* state_word(uint32_t state) {
-    switch (state) {
-        case tn_state_silent: return "silent";
-        case tn_state_holding: return "holding";
-        case tn_state_pitched: return "pitched";
-        case tn_state_in_tune: return "in tune";
-        default: return "unknown";
-    }
-}
-
 // Empty while the engine runs; otherwise what the input is doing.
 std::string engine_trouble(const TunerStatus& st) {
     switch (st.state) {
