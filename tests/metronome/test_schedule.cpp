@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <map>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -35,25 +37,18 @@ int64_t pulse_frame(int64_t k, int64_t rate, int64_t ubpm, int64_t subdivisions,
     return units * rate * 60000 * multiplier / (1000 * (ubpm / 1000) * divisor * subdivisions);
 }
 
-// Deterministic block sizes 1..max (every one max for seed 0).
-struct BlockSizes {
-    uint32_t state, max;
-    uint32_t next() {
-        if (state == 0) return max;
-        state ^= state << 13;
-        state ^= state >> 17;
-        state ^= state << 5;
-        return 1 + state % max;
-    }
-};
-
-std::vector<float> render_mono(MetronomeCore& core, size_t frames, uint32_t max_block, uint32_t seed = 0) {
+// Renders `frames` mono frames in blocks of 1..max_block drawn from `seed`
+// (every one max_block for seed 0), calling `after` with the frames done
+// after each block, until a fatal failure.
+std::vector<float> render_mono(MetronomeCore& core, size_t frames, uint32_t max_block, uint32_t seed = 0,
+                               const std::function<void(int64_t)>& after = {}) {
     std::vector<float> out(frames);
-    BlockSizes sizes{seed, max_block};
-    for (size_t done = 0; done < frames;) {
-        const uint32_t n = static_cast<uint32_t>(std::min<size_t>(sizes.next(), frames - done));
-        core.render(out.data() + done, n, 1);
+    std::minstd_rand sizes(seed);
+    for (size_t done = 0; done < frames && !testing::Test::HasFatalFailure();) {
+        const size_t n = std::min<size_t>(seed != 0 ? 1 + sizes() % max_block : max_block, frames - done);
+        core.render(out.data() + done, static_cast<uint32_t>(n), 1);
         done += n;
+        if (after) after(static_cast<int64_t>(done));
     }
     return out;
 }
@@ -123,15 +118,9 @@ TEST(BeatScheduling, PulseKLandsOnItsExactFrameWhateverTheBlockSizes) {
             };
             // About a million frames of each grid (24 pulses at least, 200 at most).
             const int64_t count = std::clamp<int64_t>(1000000 / std::max<int64_t>(at(1), 1), 24, 200);
-            std::vector<float> out(static_cast<size_t>(at(count) + 1));
-            BlockSizes sizes{seed, g.max_block};
             int64_t k = 0;  // pulses played so far
             const int64_t per_bar = 3 * g.subdivisions;
-            for (int64_t done = 0; done < static_cast<int64_t>(out.size());) {
-                const uint32_t n = static_cast<uint32_t>(
-                    std::min<int64_t>(sizes.next(), static_cast<int64_t>(out.size()) - done));
-                core.render(out.data() + done, n, 1);
-                done += n;
+            const auto out = render_mono(core, static_cast<size_t>(at(count) + 1), g.max_block, seed, [&](int64_t done) {
                 while (at(k) < done) ++k;
                 ASSERT_EQ(core.next_pulse_frame(), at(k)) << "after frame " << done;
                 ASSERT_EQ(core.last_pulse_frame(), at(k - 1)) << "after frame " << done;
@@ -140,7 +129,7 @@ TEST(BeatScheduling, PulseKLandsOnItsExactFrameWhateverTheBlockSizes) {
                 ASSERT_EQ(s.beat, ((k - 1) % per_bar) / g.subdivisions);
                 ASSERT_EQ(s.subdivision, (k - 1) % g.subdivisions);
                 ASSERT_EQ(s.frame_clock, static_cast<uint64_t>(done));
-            }
+            });
             std::vector<Click> clicks;
             for (int64_t j = 0; j <= count; ++j) clicks.push_back({at(j), 2, false, j % g.subdivisions == 0 ? 0.6 : 0.3});
             EXPECT_EQ(track_difference(core, out, clicks), "");
@@ -193,15 +182,13 @@ TEST(BeatScheduling, GapTrainerSilencesItsBarsButNeverTheCountIn) {
     core.start(c);
     const int64_t beat = 24000, bar = 2 * beat;
     std::map<int64_t, int32_t> muted;
-    std::vector<float> out(static_cast<size_t>(8 * bar));
-    for (int64_t done = 0; done < 8 * bar; done += 500) {
-        core.render(out.data() + done, 500, 1);
+    const auto out = render_mono(core, 8 * bar, 500, 0, [&](int64_t done) {
         // After a bar's first beat the flag describes that bar; after its last
         // one it already describes the next.
         const MetronomeSnapshot s = snapshot(core);
         if (s.beat == 0) muted[s.bar] = s.bar_muted;
         EXPECT_EQ(s.state, core.next_pulse_frame() >= 2 * bar ? mn_state_running : mn_state_count_in) << done;
-    }
+    });
     const std::map<int64_t, int32_t> expect_muted = {{-2, 0}, {-1, 0}, {0, 0}, {1, 0},
                                                      {2, 1},  {3, 0},  {4, 0}, {5, 1}};
     EXPECT_EQ(muted, expect_muted);
@@ -385,26 +372,21 @@ TEST(BeatScheduling, ConfigureAppliesAtOnceWhenStoppedAndAtTheNextBarLineWhenRun
 
     core.start(base_config());  // 120 BPM, 4 beats, 24000-frame beats
     const int64_t beat = 24000;
-    std::vector<float> out(static_cast<size_t>(16 * beat));
     const int64_t pushed_at = 5 * beat + 1000;  // bar 1, just after its second beat
     MetronomeConfig next = base_config();
     next.tempo_ubpm = 90000000;  // 32000-frame beats, two pulses of 16000
     next.subdivisions = 2;
     next.sound = 1;
     for (auto& level : next.accent_pattern) level = mn_level_accent;
-    for (int64_t done = 0; done < static_cast<int64_t>(out.size());) {
+    const auto out = render_mono(core, 16 * beat, 1000, 0, [&](int64_t done) {
         if (done == pushed_at) core.configure(next);
-        const int64_t n = std::min<int64_t>(done < pushed_at ? pushed_at - done : 1000,
-                                            static_cast<int64_t>(out.size()) - done);
-        core.render(out.data() + done, static_cast<uint32_t>(n), 1);
-        done += n;
         // Bar 2 begins, and the new settings with it, as soon as the last
         // pulse of bar 1 (frame 168000) has been played.
         if (done > pushed_at) {
             EXPECT_EQ(core.has_pending_config(), done <= 7 * beat) << done;
             EXPECT_EQ(snapshot(core).tempo_ubpm, done <= 7 * beat ? 120000000 : 90000000) << done;
         }
-    }
+    });
     std::vector<Click> clicks;
     for (int64_t j = 0; j < 8; ++j) clicks.push_back({j * beat, 2, false, 0.6});
     // Bar 2 starts where the old tempo put it; the new pulse length runs from there.
@@ -494,20 +476,6 @@ TEST(BeatScheduling, StopFadesOverExactlyOneBlockOrCutsAPause) {
     core.render(block, 256, 1);
     for (float x : block) EXPECT_EQ(x, 0.0f);
     EXPECT_EQ(snapshot(core).state, mn_state_stopped);
-}
-
-TEST(BeatScheduling, AFullQueueReplacesTheNewestCommandAndUnknownOnesAreSkipped) {
-    MetronomeCore core;
-    core.start(base_config());
-    render_mono(core, 64, 64);
-    core.push({0, 0, 0.0, {}});
-    core.push({0xFFFFFFFF, 5, 0.5, {}});
-    for (int i = 0; i < 29; ++i) EXPECT_FALSE(core.push({5, 60000000 + i, 0.0, {}}));
-    EXPECT_FALSE(core.push({2, 0, 0.0, {}}));        // stop: the 32nd waiting command
-    EXPECT_TRUE(core.push({5, 99000000, 0.0, {}}));  // replaces the stop
-    render_mono(core, 64, 64);
-    EXPECT_EQ(snapshot(core).state, mn_state_running);
-    EXPECT_EQ(core.tempo_ubpm(), 99000000);
 }
 
 // ----------------------------------------------------------------- snapshot
