@@ -1,10 +1,8 @@
-// Click synthesis: table lengths, the noise generator's values and the end
-// fade; then the voice pool's stealing rule and the mixer's headroom and clip
-// (where clicks start within a block is proven by the schedule tests, the
-// channel copies and the rate check through the offline export).
+// Click tables' lengths and end fade, the voice pool's stealing rule, and the
+// mixer's headroom and clip. Where clicks start within a block is proven by
+// the schedule tests; channel copies and bad rates through the offline export.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <vector>
 
 #include "metronome/sound_bank.hpp"
@@ -22,21 +20,6 @@ SoundBank bank_at(double rate) {
     return b;
 }
 
-uint32_t xorshift(uint32_t x) {
-    x ^= x << 13;
-    x ^= x >> 17;
-    x ^= x << 5;
-    return x;
-}
-
-// Noise burst sample i straight from the recipe: the generator restarts at 7.
-double noise_value(double rate, size_t i, double decay, double amplitude) {
-    uint32_t s = 7;
-    for (size_t j = 0; j <= i; ++j) s = xorshift(s);
-    const double u = static_cast<double>(s) / 4294967296.0;
-    return std::exp(-(static_cast<double>(i) / rate) * decay) * amplitude * (2.0 * u - 1.0);
-}
-
 TEST(SoundBank, TableLengthsFollowDurationAndRate) {
     struct Row { double rate; int32_t sound; bool accent; int32_t length; };
     const Row rows[] = {
@@ -52,16 +35,6 @@ TEST(SoundBank, TableLengthsFollowDurationAndRate) {
         ASSERT_NE(t.samples, nullptr);
         EXPECT_EQ(t.samples[t.length - 1], 0.0f);  // the fade ends on exact silence
     }
-}
-
-TEST(SoundBank, NoiseFollowsItsRecipeAndShortTablesFadeOverTheirWholeLength) {
-    // 6 ms at 8 kHz is 48 samples, fewer than the 64 of the usual fade.
-    const std::vector<float> raw = ws::metronome::noise_burst(8000, 6, 0, 1.0);
-    ASSERT_EQ(raw.size(), 48u);
-    for (size_t i = 0; i < raw.size(); ++i) {
-        EXPECT_NEAR(raw[i], noise_value(8000, i, 0, 1.0) * static_cast<double>(47 - i) / 48.0, 1e-6) << i;
-    }
-    EXPECT_TRUE(ws::metronome::tone(8000, 440, 0.1, 0, ws::metronome::Waveform::sine, 1).empty());
 }
 
 // ---------------------------------------------------------------- voices
