@@ -1,10 +1,9 @@
 // mn_render_offline through the shared library, as a host calls it:
-// argument checks, channel copies, range checks on the record, and
-// independence between calls (what it renders is the core's, tested there).
+// argument checks, channel copies, the rate check and independence between
+// calls (what it renders is the core's, tested there).
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <limits>
 #include <thread>
 #include <vector>
@@ -54,29 +53,15 @@ TEST(RenderOffline, EveryChannelCarriesTheSameClick) {
     }
 }
 
-TEST(RenderOffline, TheHostRecordIsCheckedButNotChangedAndABadRateMeans48k) {
-    MetronomeConfig wild = plain_config(), clamped = plain_config();
-    wild.tempo_ubpm = -5;
-    clamped.tempo_ubpm = 10000000;
-    wild.beats_per_bar = 1000;
-    clamped.beats_per_bar = 32;
-    wild.swing = std::numeric_limits<double>::quiet_NaN();
-    wild.master_gain = 7.0;
-    wild.beat_gain = -1.0;
-    clamped.beat_gain = 0.0;
-    wild.sound = 99;
-    wild.accent_pattern[0] = 200;
-    clamped.accent_pattern[0] = mn_level_normal;
-    MetronomeConfig copy;
-    std::memcpy(&copy, &wild, sizeof copy);
-    const std::vector<float> a = render(wild, 48000, 400000, 2);
-    EXPECT_EQ(std::memcmp(&copy, &wild, sizeof copy), 0);
-    EXPECT_EQ(a, render(clamped, 48000, 400000, 2));
+// The record is range-checked by the core's start (MetronomeCommandCheck);
+// what is left here is the rate's check and the all-zero record.
+TEST(RenderOffline, ABadRateRendersAt48kAndAnAllZeroRecordIsSilent) {
+    const MetronomeConfig c = plain_config();
     for (double rate : {0.0, 7999.0, 384001.0, std::numeric_limits<double>::quiet_NaN(),
                         std::numeric_limits<double>::infinity()}) {
-        EXPECT_EQ(render(clamped, rate, 30000, 1), render(clamped, 48000, 30000, 1)) << rate;
+        EXPECT_EQ(render(c, rate, 30000, 1), render(c, 48000, 30000, 1)) << rate;
     }
-    for (float s : render(MetronomeConfig{}, 48000, 20000, 2)) ASSERT_EQ(s, 0.0f);  // all zero: silent
+    for (float s : render(MetronomeConfig{}, 48000, 20000, 2)) ASSERT_EQ(s, 0.0f);
 }
 
 TEST(RenderOffline, CallsAreIndependentAndMayRunAtOnce) {
