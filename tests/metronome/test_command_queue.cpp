@@ -90,7 +90,6 @@ TEST(CommandQueue, TwoThreadsLoseNothingButReplacedCommands) {
     for (uint64_t s : lost) seen[s] += 2;
     for (uint64_t s = 1; s <= kCount; ++s) ASSERT_TRUE(seen[s] == 1 || seen[s] == 2) << s << " " << int(seen[s]);
     EXPECT_EQ(got.back(), kCount);
-    std::printf("received %zu, replaced %zu\n", got.size(), lost.size());
 }
 
 }  // namespace

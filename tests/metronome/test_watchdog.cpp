@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <deque>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,20 +16,17 @@ namespace {
 
 using ws::metronome::Watchdog;
 
-// Marks the control mutex as held for as long as it lives.
-struct Held {
-    bool& held;
-    explicit Held(bool& h) : held(h) { held = true; }
-    ~Held() { held = false; }
-};
-
 struct ScriptedHost {
     bool open_now = true, started_now = false;
     std::deque<int32_t> answers;  // results of the next opens; ws_ok when empty
     std::vector<std::string> calls;
     bool held = false;
 
-    Held lock() { return Held(held); }
+    // A guard that marks the control mutex held for as long as it lives.
+    auto lock() {
+        held = true;
+        return std::unique_ptr<bool, void (*)(bool*)>(&held, [](bool* h) { *h = false; });
+    }
     bool device_open() const { return open_now; }
     bool started() const { return started_now; }
     void mark_reopening() { calls.push_back(held ? "reopening" : "reopening unlocked"); }
