@@ -73,7 +73,7 @@ TEST(PitchAnalyser, TonesReadAsTheirNoteAcrossRates) {
             const auto x = t::string_tone(f, rate, static_cast<size_t>(rate * 0.6));
             a.push(x.data(), x.size());
             TunerReading r{};
-            ASSERT_TRUE(a.take_reading(&r));
+            ASSERT_TRUE(a.current_reading(&r));
             SCOPED_TRACE(testing::Message() << rate << " Hz, note " << note);
             EXPECT_EQ(r.note, note);
             // The parabola through three NSDF values is exact only in the
@@ -99,8 +99,8 @@ TEST(PitchAnalyser, PushingInPiecesEqualsPushingAtOnce) {
         i += n;
     }
     TunerReading a{}, b{};
-    ASSERT_TRUE(whole.take_reading(&a));
-    ASSERT_TRUE(pieces.take_reading(&b));
+    ASSERT_TRUE(whole.current_reading(&a));
+    ASSERT_TRUE(pieces.current_reading(&b));
     EXPECT_EQ(a.frame_count, b.frame_count);
     EXPECT_EQ(a.time_us, b.time_us);
     EXPECT_EQ(a.frequency_hz, b.frequency_hz);
@@ -114,7 +114,7 @@ TEST(PitchAnalyser, NonFiniteSamplesAreSilenceAndLoudOnesAreClampedAndFlagged) {
     std::vector<float> x(2048, std::numeric_limits<float>::quiet_NaN());
     a.push(x.data(), x.size());
     TunerReading r{};
-    ASSERT_TRUE(a.take_reading(&r));
+    ASSERT_TRUE(a.current_reading(&r));
     EXPECT_EQ(r.peak, 0.0);
     EXPECT_EQ(r.level_db, -120.0);
     EXPECT_EQ(r.clipped, 0u);
@@ -124,7 +124,7 @@ TEST(PitchAnalyser, NonFiniteSamplesAreSilenceAndLoudOnesAreClampedAndFlagged) {
     a.reset(48000);
     std::fill(x.begin(), x.end(), 10.0f);
     a.push(x.data(), x.size());
-    ASSERT_TRUE(a.take_reading(&r));
+    ASSERT_TRUE(a.current_reading(&r));
     EXPECT_EQ(r.peak, 1.0);
     EXPECT_NEAR(r.level_db, 20.0 * std::log10(4.0), 1e-9);
     EXPECT_EQ(r.clipped, 1u);
@@ -134,7 +134,7 @@ TEST(PitchAnalyser, NonFiniteSamplesAreSilenceAndLoudOnesAreClampedAndFlagged) {
     std::fill(x.begin(), x.end(), 0.1f);
     x[1000] = 1.0f;
     a.push(x.data(), x.size());
-    ASSERT_TRUE(a.take_reading(&r));
+    ASSERT_TRUE(a.current_reading(&r));
     EXPECT_EQ(r.clipped, 1u);
     EXPECT_EQ(r.peak, 1.0);
 }
@@ -147,12 +147,12 @@ TEST(PitchAnalyser, LevelsArePerChunkOfInput) {
     std::vector<float> loud(4096, 0.5f), quiet(1024, 0.05f);
     a.push(loud.data(), loud.size());  // completes frames 1..3
     TunerReading r{};
-    ASSERT_TRUE(a.take_reading(&r));
+    ASSERT_TRUE(a.current_reading(&r));
     EXPECT_EQ(r.frame_count, 3u);
     EXPECT_NEAR(r.level_db, 20.0 * std::log10(0.5), 1e-6);
     EXPECT_EQ(r.peak, 0.5);
     a.push(quiet.data(), quiet.size());  // completes frame 4 only
-    ASSERT_TRUE(a.take_reading(&r));
+    ASSERT_TRUE(a.current_reading(&r));
     EXPECT_EQ(r.frame_count, 4u);
     EXPECT_NEAR(r.level_db, 20.0 * std::log10(0.05), 1e-5);
     EXPECT_NEAR(r.peak, 0.05, 1e-7);
@@ -193,7 +193,7 @@ TEST(PitchAnalyser, HumBelowTheBandIsFilteredOut) {
     for (size_t i = 0; i < x.size(); ++i) x[i] += 0.3f * tone[i];
     a.push(x.data(), x.size());
     TunerReading r{};
-    ASSERT_TRUE(a.take_reading(&r));
+    ASSERT_TRUE(a.current_reading(&r));
     EXPECT_EQ(r.note, 57);
 }
 
@@ -203,26 +203,26 @@ TEST(PitchAnalyser, ConfigureResetsOnlyForANewRange) {
     const auto x = t::sine(441.0, 48000, 48000);
     a.push(x.data(), x.size());
     TunerReading r{}, again{};
-    ASSERT_TRUE(a.take_reading(&r));
+    ASSERT_TRUE(a.current_reading(&r));
     ASSERT_NE(r.strobe_phase, 0.0);
-    ASSERT_TRUE(a.take_reading(&again));  // taking does not consume
+    ASSERT_TRUE(a.current_reading(&again));  // reading does not consume
     EXPECT_EQ(again.frame_count, r.frame_count);
-    EXPECT_FALSE(a.take_reading(nullptr));
+    EXPECT_FALSE(a.current_reading(nullptr));
 
     TunerConfig cfg = ws::tuner::kDefaultConfig;
     cfg.tolerance_cents = 1.0;  // takes effect at the next frame, no reset
     a.configure(&cfg);
-    EXPECT_TRUE(a.take_reading(&r));
+    EXPECT_TRUE(a.current_reading(&r));
 
     cfg.fixed_note = 69;  // only the strobe restarts
     a.configure(&cfg);
     a.push(x.data(), 1024);
-    ASSERT_TRUE(a.take_reading(&r));
+    ASSERT_TRUE(a.current_reading(&r));
     EXPECT_NEAR(r.strobe_phase, 2 * t::kPi * 1.0 * 1024 / 48000, 5e-3);
 
     cfg.lowest_hz = 200;  // a new range resets: no reading until a new window
     a.configure(&cfg);
-    EXPECT_FALSE(a.take_reading(&r));
+    EXPECT_FALSE(a.current_reading(&r));
     EXPECT_EQ(a.window(), 1024u);
 }
 

@@ -33,8 +33,9 @@ public:
     // target note or A4 only zeroes the strobe phase.
     void configure(const TunerConfig* config);
     void push(const float* samples, size_t count);
-    // Copies the current reading (not consumed); false before the first frame.
-    bool take_reading(TunerReading* out) const;
+    // Copies the current reading without consuming it; false before the
+    // first frame.
+    bool current_reading(TunerReading* out) const;
 
     // Scratch for callers that mix channels down before push (kChunk floats).
     float* mix_buffer() { return mix_.data(); }

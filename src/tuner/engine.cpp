@@ -203,7 +203,7 @@ void TunerEngine::step(std::chrono::steady_clock::time_point now) {
         std::lock_guard<std::mutex> guard(analyser_lock_);
         analyser_.push(run, n);
         TunerReading reading;
-        if (analyser_.take_reading(&reading)) reading_.publish(reading);
+        if (analyser_.current_reading(&reading)) reading_.publish(reading);
     });
 }
 
