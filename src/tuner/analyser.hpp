@@ -41,13 +41,12 @@ public:
     float* mix_buffer() { return mix_.data(); }
 
     // Every frame's reading is also copied here, up to `capacity` of them
-    // (nullptr: none); `track_written()` counts the copies.
+    // (nullptr: none).
     void set_track(TunerReading* track, size_t capacity) {
         track_ = track;
         track_capacity_ = capacity;
         track_written_ = 0;
     }
-    size_t track_written() const { return track_written_; }
     bool track_full() const { return track_ != nullptr && track_written_ == track_capacity_; }
 
     const TunerConfig& config() const { return config_; }
