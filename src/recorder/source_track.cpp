@@ -13,7 +13,8 @@ namespace {
 
 // The backing's rules: 16 bits whatever the format tag says, the basic 16
 // bytes of a "fmt " chunk read whenever they are there.
-constexpr frame::WavRules kRules{kMinSourceRate, kMaxSourceRate, false, false};
+constexpr frame::WavRules kRules{
+    .min_rate = kMinSourceRate, .max_rate = kMaxSourceRate, .pcm_tag_only = false, .fmt_size_trusted = false};
 
 LoadResult decode(frame::ByteSource& src, uint32_t rate, SourceTrack& track) {
     // Nothing shorter than the canonical header is taken, even where the

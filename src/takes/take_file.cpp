@@ -23,7 +23,7 @@ namespace {
 
 // The take tools' rules: integer PCM by its tag, a "fmt " chunk as large as
 // it says, any rate a signed 32-bit field can hold.
-constexpr frame::WavRules kRules{1, INT32_MAX, true, true};
+constexpr frame::WavRules kRules{.min_rate = 1, .max_rate = INT32_MAX, .pcm_tag_only = true, .fmt_size_trusted = true};
 
 bool load(frame::ByteSource& src, uint64_t skip, std::vector<float>& out, uint32_t& rate) {
     frame::WavLayout w;
