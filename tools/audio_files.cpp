@@ -31,15 +31,6 @@ uint32_t le32(const unsigned char* p) {
 }
 uint16_t le16(const unsigned char* p) { return static_cast<uint16_t>(p[0] | p[1] << 8); }
 
-std::filesystem::path native(const std::string& utf8) {
-    return std::filesystem::path(std::u8string(reinterpret_cast<const char8_t*>(utf8.data()), utf8.size()));
-}
-
-std::string utf8(const std::filesystem::path& p) {
-    const std::u8string s = p.u8string();
-    return std::string(reinterpret_cast<const char*>(s.data()), s.size());
-}
-
 std::string seconds_text(double s) {
     char buf[32];
     std::snprintf(buf, sizeof buf, "%.3f s", s);
@@ -119,7 +110,7 @@ FileFacts inspect_bytes(const unsigned char* d, size_t n, uint64_t total) {
 FileFacts inspect_file(const std::string& path) {
     FileFacts f;
     std::error_code ec;
-    const auto status = std::filesystem::status(native(path), ec);
+    const auto status = std::filesystem::status(fs_path(path), ec);
     if (!std::filesystem::exists(status)) {
         f.problem = "no such file";
         return f;
@@ -132,7 +123,7 @@ FileFacts inspect_file(const std::string& path) {
         f.stream = true;  // a pipe or device: whatever arrives is read whole
         return f;
     }
-    const uint64_t size = std::filesystem::file_size(native(path), ec);
+    const uint64_t size = std::filesystem::file_size(fs_path(path), ec);
     if (size == 0 && !ec) {
         f.problem = "empty file";
         return f;
@@ -166,10 +157,10 @@ TempFile::TempFile(const std::string& beside) {
     if (beside.empty() || beside == "-") {
         dir = std::filesystem::temp_directory_path(ec);
     } else {
-        const auto p = native(beside);
+        const auto p = fs_path(beside);
         dir = p.parent_path();
         if (dir.empty()) dir = ".";
-        stem = utf8(p.filename());
+        stem = utf8_text(p.filename());
         stem.insert(stem.begin(), '.');
     }
     for (int attempt = 0; attempt < 100; ++attempt) {
@@ -177,7 +168,7 @@ TempFile::TempFile(const std::string& beside) {
         std::snprintf(suffix, sizeof suffix, ".%d-%d.wstmp", pid, counter++);
         std::string name = stem;
         name.append(suffix);
-        path_ = utf8(dir / native(name));
+        path_ = utf8_text(dir / fs_path(name));
 #if defined(_WIN32)
         const int fd = _wopen(widen(path_).c_str(), _O_CREAT | _O_EXCL | _O_WRONLY | _O_BINARY, _S_IREAD | _S_IWRITE);
         if (fd >= 0) file_ = _fdopen(fd, "wb");
@@ -189,7 +180,7 @@ TempFile::TempFile(const std::string& beside) {
         if (errno != EEXIST) break;
     }
     const int e = errno;
-    const std::string where = utf8(dir);
+    const std::string where = utf8_text(dir);
     path_.clear();
     output_error(where, "cannot create a temporary file there: " + std::string(std::strerror(e)));
 }

@@ -428,6 +428,15 @@ std::wstring widen(const std::string& utf8) {
 }
 #endif
 
+std::filesystem::path fs_path(const std::string& utf8) {
+    return std::filesystem::path(std::u8string(reinterpret_cast<const char8_t*>(utf8.data()), utf8.size()));
+}
+
+std::string utf8_text(const std::filesystem::path& p) {
+    const std::u8string s = p.u8string();
+    return std::string(reinterpret_cast<const char*>(s.data()), s.size());
+}
+
 FILE* open_file(const std::string& path, const char* mode) {
 #if defined(_WIN32)
     return _wfopen(widen(path).c_str(), widen(mode).c_str());

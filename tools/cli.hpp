@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <span>
@@ -177,6 +178,11 @@ private:
 // UTF-8 to the UTF-16 the wide Windows API takes.
 std::wstring widen(const std::string& utf8);
 #endif
+
+// A UTF-8 path as a file-system path and back (a narrow path string would be
+// read in the ANSI code page on Windows).
+std::filesystem::path fs_path(const std::string& utf8);
+std::string utf8_text(const std::filesystem::path& p);
 
 // fopen for a UTF-8 path (wide API on Windows).
 FILE* open_file(const std::string& path, const char* mode);

@@ -80,10 +80,7 @@ struct Files {
     std::string backing, line, take, cleaned, picture;
 };
 
-std::string path_in(const std::filesystem::path& dir, const char* name) {
-    const auto p = (dir / name).u8string();
-    return std::string(p.begin(), p.end());
-}
+std::string path_in(const std::filesystem::path& dir, const char* name) { return utf8_text(dir / name); }
 
 // ---- the signals ---------------------------------------------------------
 
@@ -487,7 +484,7 @@ int run_demo(std::span<const std::string> args) {
     }
     opts.expect_positionals(0, "no arguments besides the options");
     const std::string dir_text = opts.value("dir").value_or("woodshed-demo");
-    const std::filesystem::path dir(std::u8string(dir_text.begin(), dir_text.end()));
+    const std::filesystem::path dir = fs_path(dir_text);
     std::error_code ec;
     std::filesystem::create_directories(dir, ec);
     if (ec) throw Failure("cannot create '" + dir_text + "': " + ec.message());
@@ -559,9 +556,8 @@ int run_demo(std::span<const std::string> args) {
     }
 
     std::printf("\n4. removing the backing's leak\n");
-    std::filesystem::copy_file(std::filesystem::path(std::u8string(f.take.begin(), f.take.end())),
-                               std::filesystem::path(std::u8string(f.cleaned.begin(), f.cleaned.end())),
-                               std::filesystem::copy_options::overwrite_existing, ec);
+    std::filesystem::copy_file(fs_path(f.take), fs_path(f.cleaned), std::filesystem::copy_options::overwrite_existing,
+                               ec);
     if (ec) throw Failure("cannot copy the take to '" + f.cleaned + "': " + ec.message());
     TakeCleaning c{};
     const int32_t cleaned = ta_clean(f.backing.c_str(), f.cleaned.c_str(), 0, a.delay_frames, &c);

@@ -32,10 +32,6 @@ constexpr double kTail = 1.0;        // recorded past the backing's end, for the
 constexpr double kClipHold = 1.0;    // a clip stays marked this long (s)
 constexpr double kMaxFromSeconds = 2147483.0;  // the library takes the start in int32 ms
 
-std::filesystem::path fs_path(const std::string& utf8) {
-    return std::filesystem::path(std::u8string(reinterpret_cast<const char8_t*>(utf8.data()), utf8.size()));
-}
-
 // "1:05.3"; hours when needed.
 std::string clock_text(double seconds) {
     if (!(seconds >= 0)) seconds = 0;

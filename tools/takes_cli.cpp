@@ -8,10 +8,6 @@
 namespace cli::takes {
 namespace {
 
-std::filesystem::path native(const std::string& utf8) {
-    return std::filesystem::path(std::u8string(reinterpret_cast<const char8_t*>(utf8.data()), utf8.size()));
-}
-
 std::string seconds_text(double s) {
     char buf[32];
     std::snprintf(buf, sizeof buf, "%.3f s", s);
@@ -51,7 +47,7 @@ void check_pair(const Input& backing, const Input& take) {
     if (backing.path == "-" && take.path == "-") throw UsageError("only one of the files can be '-' (stdin)");
     std::error_code ec;
     if (backing.path != "-" && take.path != "-" &&
-        (backing.path == take.path || std::filesystem::equivalent(native(backing.path), native(take.path), ec))) {
+        (backing.path == take.path || std::filesystem::equivalent(fs_path(backing.path), fs_path(take.path), ec))) {
         throw UsageError("the take and the backing are the same file, '" + take.path + "'");
     }
     if (backing.rate != take.rate) {

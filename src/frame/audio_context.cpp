@@ -28,6 +28,11 @@ ma_result AudioContext::open(const ma_device_config& config, ma_device* device) 
     return ma_device_init(&context_, &config, device);
 }
 
+bool ends_stream(ma_device_notification_type type) {
+    return type == ma_device_notification_type_stopped || type == ma_device_notification_type_rerouted ||
+           type == ma_device_notification_type_interruption_ended;
+}
+
 void apply_steady_buffer(ma_device_config& config, ma_backend backend, std::uint32_t period_ms,
                          std::uint32_t buffer_ms) {
     const bool plays = config.deviceType == ma_device_type_playback || config.deviceType == ma_device_type_duplex;

@@ -34,6 +34,11 @@ private:
     bool log_ready_ = false;
 };
 
+// Whether a device notification means the stream ended under its owner:
+// stopped by the system, rerouted, or back from an interruption. The
+// engines that reopen their device do so after these.
+bool ends_stream(ma_device_notification_type type);
+
 // Sizes a device's buffer: the data callback runs every period_ms and the
 // back end holds about buffer_ms of audio, enough to ride out the scheduling
 // hiccups of a loaded machine.

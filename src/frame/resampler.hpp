@@ -46,10 +46,6 @@ public:
     // A fresh stream: no history, time zero.
     void reset();
 
-    // Input frames received and output frames written since the start.
-    uint64_t consumed() const { return consumed_; }
-    uint64_t produced() const { return produced_; }
-
     // Output frames a whole input of n frames gives: ceil(n * out / in).
     static uint64_t output_frames(uint64_t n, uint32_t in_rate, uint32_t out_rate);
     // One-shot conversion of a whole signal; the same as process + flush.
@@ -63,7 +59,7 @@ private:
     std::shared_ptr<const ResamplerKernel> kernel_;
     std::vector<float> history_;  // input from frame base_ on
     int64_t base_ = 0;            // input frame index of history_[0]
-    uint64_t consumed_ = 0, produced_ = 0;
+    uint64_t consumed_ = 0, produced_ = 0;  // input frames received, output frames written
     int64_t pos_int_ = 0;         // next output's input position, whole part
     uint64_t pos_frac_ = 0;       // and its fraction, in 1/L
 };

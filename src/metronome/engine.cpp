@@ -182,13 +182,8 @@ void MetronomeEngine::on_data(ma_device* device, void* output, const void*, ma_u
 void MetronomeEngine::on_notification(const ma_device_notification* note) {
     auto* self = static_cast<MetronomeEngine*>(note->pDevice->pUserData);
     if (self == nullptr) return;
-    switch (note->type) {
-        case ma_device_notification_type_stopped:
-        case ma_device_notification_type_rerouted:
-        case ma_device_notification_type_interruption_ended:
-            if (self->worker_running_.load() && !self->closing_.load()) self->watchdog_.report_lost();
-            break;
-        default: break;
+    if (frame::ends_stream(note->type) && self->worker_running_.load() && !self->closing_.load()) {
+        self->watchdog_.report_lost();
     }
 }
 

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <thread>
 
+#include "frame/reopen.hpp"
 #include "woodshed/common.h"
 
 namespace ws::metronome {
@@ -38,8 +39,8 @@ public:
             if (host.device_open() || host.started()) {
                 host.mark_reopening();
                 const bool was_started = host.started();
-                int32_t r = host.open(false);
-                if (r != ws_ok) r = host.open(true);
+                const int32_t r =
+                    frame::reopen_chosen_or_default([&host](bool fallback) { return host.open(fallback); });
                 if (r == ws_ok && was_started) host.restart_without_count_in();
             }
         }

@@ -35,7 +35,6 @@ public:
     void release(Sink&& sink, bool all);
 
     int32_t repairs() const { return repairs_; }
-    int64_t round_trip() const { return lag_; }  // device frames; -1 while the backing is not found
 
 private:
     struct Edit {
@@ -58,7 +57,7 @@ private:
     std::vector<float> staging_;  // input from frame base_ on
     int64_t base_ = 0, received_ = 0, emitted_ = 0, next_block_ = 0;
     std::vector<Edit> edits_;
-    int64_t lag_ = -1;
+    int64_t lag_ = -1;           // round trip in device frames; -1 while the backing is not found
     int64_t suspect_ = -1;       // first block where the lag stopped matching
     int64_t candidate_ = -1;     // the lag the last suspect block showed clearly
     int64_t next_acquire_ = 0, next_search_ = 0;

@@ -15,9 +15,10 @@
 namespace ws::recorder {
 
 inline constexpr uint32_t kRecorderRate = 44100;
-// Raw file sizes outside this window are refused: below it nothing playable
-// fits (a bare 44-byte header is refused on purpose), above it the raw bytes
-// alone would take more memory than a host should lose to one backing track.
+// Raw file sizes outside this window are refused before anything is read:
+// below it nothing playable fits (a bare 44-byte header is refused on
+// purpose), above it lies more than an hour of CD-quality stereo, which no
+// backing track needs.
 inline constexpr int64_t kMinSourceBytes = 45;
 inline constexpr int64_t kMaxSourceBytes = 700LL * 1048576;
 inline constexpr uint32_t kMinSourceRate = 8000;
@@ -44,7 +45,8 @@ struct SourceTrack {
 // Reads the WAV file at `utf8_path` into `track`, converted to `rate`. The
 // track is emptied first, so a failure leaves none. An empty or null path
 // asks for no track: ok with an empty track. unreadable for a file that
-// cannot be opened, lies outside the size window or is not in the subset,
+// cannot be opened or is not a regular file (a FIFO is never waited on),
+// lies outside the size window or is not in the subset,
 // and when memory runs out; too_large when the converted track would pass
 // kMaxTrackBytes (refused before anything is allocated for it).
 LoadResult load_source_track(const char* utf8_path, uint32_t rate, SourceTrack& track);

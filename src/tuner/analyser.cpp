@@ -180,7 +180,7 @@ void PitchAnalyser::analyse_frame() {
     fill_ -= hop;
 }
 
-bool PitchAnalyser::take_reading(TunerReading* out) const {
+bool PitchAnalyser::current_reading(TunerReading* out) const {
     if (!has_reading_ || out == nullptr) return false;
     *out = reading_;
     return true;

@@ -33,20 +33,20 @@ public:
     // target note or A4 only zeroes the strobe phase.
     void configure(const TunerConfig* config);
     void push(const float* samples, size_t count);
-    // Copies the current reading (not consumed); false before the first frame.
-    bool take_reading(TunerReading* out) const;
+    // Copies the current reading without consuming it; false before the
+    // first frame.
+    bool current_reading(TunerReading* out) const;
 
     // Scratch for callers that mix channels down before push (kChunk floats).
     float* mix_buffer() { return mix_.data(); }
 
     // Every frame's reading is also copied here, up to `capacity` of them
-    // (nullptr: none); `track_written()` counts the copies.
+    // (nullptr: none).
     void set_track(TunerReading* track, size_t capacity) {
         track_ = track;
         track_capacity_ = capacity;
         track_written_ = 0;
     }
-    size_t track_written() const { return track_written_; }
     bool track_full() const { return track_ != nullptr && track_written_ == track_capacity_; }
 
     const TunerConfig& config() const { return config_; }

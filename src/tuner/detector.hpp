@@ -28,7 +28,6 @@ public:
     void configure(double rate, double lowest_hz, double highest_hz, uint64_t n);
     PitchEstimate detect(const float* x, size_t n);
 
-    int32_t min_lag() const { return min_lag_; }
     int32_t max_lag() const { return max_lag_; }
     uint64_t window() const { return n_; }
     // NSDF values of the last detect(), index = lag (0 and 1 unused).

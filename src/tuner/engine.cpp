@@ -5,6 +5,7 @@
 
 #include "frame/platform.hpp"
 #include "frame/realtime.hpp"
+#include "frame/reopen.hpp"
 #include "frame/result_map.hpp"
 #include "tuner/config.hpp"
 
@@ -177,15 +178,10 @@ void TunerEngine::on_data(ma_device* device, void*, const void* input, ma_uint32
 void TunerEngine::on_notification(const ma_device_notification* note) {
     auto* self = static_cast<TunerEngine*>(note->pDevice->pUserData);
     if (self == nullptr) return;
-    switch (note->type) {
-        case ma_device_notification_type_stopped:
-        case ma_device_notification_type_rerouted:
-        case ma_device_notification_type_interruption_ended:
-            // The engine clears capturing before closing its own device, so
-            // its own close never reads as a loss.
-            if (self->capturing_.load(std::memory_order_acquire)) self->reopen_request_ = true;
-            break;
-        default: break;
+    // The engine clears capturing before closing its own device, so its own
+    // close never reads as a loss.
+    if (frame::ends_stream(note->type) && self->capturing_.load(std::memory_order_acquire)) {
+        self->reopen_request_ = true;
     }
 }
 
@@ -213,7 +209,7 @@ void TunerEngine::step(std::chrono::steady_clock::time_point now) {
         std::lock_guard<std::mutex> guard(analyser_lock_);
         analyser_.push(run, n);
         TunerReading reading;
-        if (analyser_.take_reading(&reading)) reading_.publish(reading);
+        if (analyser_.current_reading(&reading)) reading_.publish(reading);
     });
 }
 
@@ -229,7 +225,8 @@ void TunerEngine::reopen(std::chrono::steady_clock::time_point now) {
         status_.backend_result = 0;
         ++status_.change_count;
     }
-    if (open_device(selected_id_) != ws_ok) open_device(std::string());
+    frame::reopen_chosen_or_default(
+        [this](bool fallback) { return open_device(fallback ? std::string() : selected_id_); });
     stall_.rearm(callbacks_.load(std::memory_order_relaxed), now);
 }
 

@@ -40,7 +40,7 @@ size_t analyse_offline(const TunerConfig* config, const float* samples, size_t f
         start += run;
     }
     TunerReading r;
-    if (!analyser->take_reading(&r)) return 0;
+    if (!analyser->current_reading(&r)) return 0;
     if (last != nullptr) *last = r;
     return static_cast<size_t>(r.frame_count);
 }

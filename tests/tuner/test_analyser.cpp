@@ -69,7 +69,7 @@ TEST(PitchAnalyser, TonesReadAsTheirNoteAcrossRates) {
                 a.reset(rate);
                 a.push(x.data(), x.size());
                 TunerReading r{};
-                ASSERT_TRUE(a.take_reading(&r));
+                ASSERT_TRUE(a.current_reading(&r));
                 SCOPED_TRACE(testing::Message() << rate << " Hz, note " << note << ", shape " << shape);
                 EXPECT_EQ(r.note, note);
                 // The parabola through three NSDF values is exact only in the
@@ -97,8 +97,8 @@ TEST(PitchAnalyser, PushingInPiecesEqualsPushingAtOnce) {
         i += n;
     }
     TunerReading a{}, b{};
-    ASSERT_TRUE(whole.take_reading(&a));
-    ASSERT_TRUE(pieces.take_reading(&b));
+    ASSERT_TRUE(whole.current_reading(&a));
+    ASSERT_TRUE(pieces.current_reading(&b));
     EXPECT_EQ(a.frame_count, b.frame_count);
     EXPECT_EQ(a.time_us, b.time_us);
     EXPECT_EQ(a.frequency_hz, b.frequency_hz);
@@ -130,7 +130,7 @@ TEST(PitchAnalyser, LevelsAreThoseOfTheChunkThatCompletedTheFrames) {
         x.assign(1024, row.then);
         if (row.then != 0) a.push(x.data(), x.size());
         TunerReading r{};
-        ASSERT_TRUE(a.take_reading(&r));
+        ASSERT_TRUE(a.current_reading(&r));
         SCOPED_TRACE(testing::Message() << row.fill << " then " << row.then);
         EXPECT_EQ(r.frame_count, row.frames);
         EXPECT_EQ(r.peak, row.peak);
@@ -178,7 +178,7 @@ TEST(PitchAnalyser, HumBelowTheBandIsFilteredOut) {
     const auto x = t::mix(t::sine(30.0, 48000, 48000, 0.8), a3, 0.3f);
     a.push(x.data(), x.size());
     TunerReading r{};
-    ASSERT_TRUE(a.take_reading(&r));
+    ASSERT_TRUE(a.current_reading(&r));
     EXPECT_EQ(r.note, 57);  // A3
 }
 
@@ -188,26 +188,26 @@ TEST(PitchAnalyser, ConfigureResetsOnlyForANewRange) {
     const auto x = t::sine(441.0, 48000, 48000);
     a.push(x.data(), x.size());
     TunerReading r{}, again{};
-    ASSERT_TRUE(a.take_reading(&r));
+    ASSERT_TRUE(a.current_reading(&r));
     ASSERT_NE(r.strobe_phase, 0.0);
-    ASSERT_TRUE(a.take_reading(&again));  // taking does not consume
+    ASSERT_TRUE(a.current_reading(&again));  // taking does not consume
     EXPECT_EQ(again.frame_count, r.frame_count);
-    EXPECT_FALSE(a.take_reading(nullptr));
+    EXPECT_FALSE(a.current_reading(nullptr));
 
     TunerConfig cfg = ws::tuner::kDefaultConfig;
     cfg.tolerance_cents = 1.0;  // takes effect at the next frame, no reset
     a.configure(&cfg);
-    EXPECT_TRUE(a.take_reading(&r));
+    EXPECT_TRUE(a.current_reading(&r));
 
     cfg.fixed_note = 69;  // only the strobe restarts
     a.configure(&cfg);
     a.push(x.data(), 1024);
-    ASSERT_TRUE(a.take_reading(&r));
+    ASSERT_TRUE(a.current_reading(&r));
     EXPECT_NEAR(r.strobe_phase, 2 * t::kPi * 1.0 * 1024 / 48000, 5e-3);
 
     cfg.lowest_hz = 200;  // a new range resets: no reading until a new window
     a.configure(&cfg);
-    EXPECT_FALSE(a.take_reading(&r));
+    EXPECT_FALSE(a.current_reading(&r));
     EXPECT_EQ(a.window(), 1024u);
 }
 
