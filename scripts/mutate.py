@@ -97,9 +97,9 @@ MUTATIONS = [
     ("src/tuner/detector.cpp", "median)) > 80.0)", 1, "median)) > 800.0)"),
     ("src/tuner/detector.cpp", "p[n - tau] + (p[n] - p[tau])", 1, "p[n - tau] + (p[n] - p[tau + 1])"),
     # Take files and cleaning
-    ("src/takes/take_file.cpp", "if (size & 1u) ++pos;", 1, ";"),
-    ("src/takes/take_file.cpp", "if (fmt.tag == kFormatExtensible && size >= 40) fmt.tag = get_u16(body + 24);", 1, ";"),
-    ("src/takes/take_file.cpp", "static_cast<float>(sum) * (1.0f / 65536.0f)", 1, "static_cast<float>(sum) * (1.0f / 32768.0f)"),
+    ("src/frame/wav_reader.cpp", "pos += uint64_t{size} + (size & 1u);", 1, "pos += uint64_t{size};"),
+    ("src/frame/wav_reader.cpp", "if (tag == kFormatExtensible && want >= 40) tag = get_u16(body + 24);", 1, ";"),
+    ("src/takes/take_file.cpp", "buffer[2 * i + 1]) * (1.0f / 65536.0f)", 1, "buffer[2 * i + 1]) * (1.0f / 32768.0f)"),
     ("src/takes/cleaning.cpp", "/ std::sqrt(variance) < 8.0)", 1, "/ std::sqrt(variance) < 80.0)"),
     ("src/takes/cleaning.cpp", "residual = static_cast<double>(peak + 2048) + delta;", 1, "residual = static_cast<double>(peak + 2048) - delta;"),
     ("src/takes/cleaning.cpp", "for (size_t k = 1; k < kTaps; ++k) c[kSmallFft - k]", 1, "for (size_t k = kTaps; k < kTaps; ++k) c[kSmallFft - k]"),

@@ -30,6 +30,9 @@ struct FileCase {
     int64_t frames;  // when accepted
 };
 
+// The backing's own rules; the chunk walk it shares with the take loader
+// (order, padding, repeated and missing chunks, sizes past the end) is
+// proven by the take loader's tables.
 std::vector<FileCase> file_cases() {
     const std::vector<int16_t> four = {100, -100, 200, -200};
     std::vector<FileCase> rows;
@@ -38,46 +41,15 @@ std::vector<FileCase> file_cases() {
     rows.push_back({"7999 Hz", pcm16_wav(1, 7999, four), false, 0});
     rows.push_back({"24-bit", WavBytes().riff().fmt(1, 1, 44100, 24).data(four).build(), false, 0});
     rows.push_back({"three channels", WavBytes().riff().fmt(1, 3, 44100, 16).data(four).build(), false, 0});
-    rows.push_back({"no data chunk", WavBytes().riff().fmt(1, 1, 44100, 16).chunk("LIST", {1, 2, 3, 4}).build(), false, 0});
-    rows.push_back({"no fmt chunk", WavBytes().riff().chunk("junk", {0, 0, 0, 0, 0, 0, 0, 0}).data(four).build(), false, 0});
     // Any tag with 16 bits is read as integer PCM.
     rows.push_back({"float tag, 16 bits", WavBytes().riff().fmt(3, 1, 44100, 16).data(four).build(), true, 4});
     rows.push_back({"extensible fmt body", WavBytes().riff().fmt(0xFFFE, 2, 44100, 16, 40).data(four).build(), true, 2});
-    // A later fmt replaces an earlier one.
-    rows.push_back({"fmt 24 then fmt 16",
-                    WavBytes().riff().fmt(1, 1, 44100, 24).fmt(1, 1, 44100, 16).data(four).build(), true, 4});
-    rows.push_back({"fmt 16 then fmt 24",
-                    WavBytes().riff().fmt(1, 1, 44100, 16).fmt(1, 1, 44100, 24).data(four).build(), false, 0});
-    // Three odd-sized chunks, each with its pad byte, before the data.
-    rows.push_back({"odd-sized chunks before data",
-                    WavBytes().riff().fmt(1, 1, 44100, 16).chunk("LIST", {1, 2, 3}).chunk("abcd", {9})
-                        .chunk("efgh", {1, 2, 3, 4, 5}).data(four).build(), true, 4});
-    // An odd chunk written without its pad byte throws the walk off: the
-    // data header is then read one byte late and not found.
-    rows.push_back({"odd chunk missing its pad",
-                    WavBytes().riff().fmt(1, 1, 44100, 16).chunk("LIST", {1, 2, 3}, 3).data(four).build(),
-                    false, 0});
     {
         // The fmt chunk's 16 bytes do not fit: it is not read at all.
         std::vector<uint8_t> b = WavBytes().riff().data(four).build();
         const std::vector<uint8_t> cut = {'f', 'm', 't', ' ', 16, 0, 0, 0, 1, 0, 1, 0, 0x44, 0xAC, 0, 0, 0};
         b.insert(b.end(), cut.begin(), cut.end());
         rows.push_back({"fmt cut short at the end", b, false, 0});
-    }
-    {
-        // Data declared longer than the file: read up to the end (3 samples).
-        std::vector<uint8_t> b = WavBytes().riff().fmt(1, 1, 44100, 16).chunk("data", {1, 0, 2, 0, 3, 0}, 1000).build();
-        rows.push_back({"data longer than the file", b, true, 3});
-    }
-    {
-        // A trailing odd byte of data makes no sample.
-        std::vector<uint8_t> b = WavBytes().riff().fmt(1, 2, 44100, 16).chunk("data", {1, 0, 2, 0, 3, 0, 4, 0, 5}).build();
-        rows.push_back({"half a frame at the end", b, true, 2});
-    }
-    {
-        std::vector<uint8_t> b = pcm16_wav(1, 44100, four);
-        b[3] = 'X';
-        rows.push_back({"not RIFF", b, false, 0});
     }
     rows.push_back({"45 bytes: one byte of data", WavBytes().riff().fmt(1, 1, 44100, 16).chunk("data", {7}, 1).build(),
                     true, 0});
