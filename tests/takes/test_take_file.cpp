@@ -256,19 +256,6 @@ TEST(TakeWriter, WritesTheCanonicalHeaderAndSamples) {
     EXPECT_EQ(dir.list(), std::vector<std::string>{"take.wav"});
 }
 
-TEST(TakeWriter, RefusesMissingArgumentsWithoutTouchingTheDisk) {
-    s::TempDir dir;
-    const std::string path = dir.file("take.wav");
-    ASSERT_TRUE(s::write_file(path, {1, 2, 3}));
-    const float x = 0.5f;
-    EXPECT_FALSE(store_take_wav_safely(nullptr, &x, 1, 44100));
-    EXPECT_FALSE(store_take_wav_safely(path.c_str(), nullptr, 1, 44100));
-    EXPECT_FALSE(store_take_wav_safely(path.c_str(), &x, 1, 0));
-    EXPECT_FALSE(store_take_wav_safely(path.c_str(), &x, 1, -44100));
-    EXPECT_EQ(s::read_file(path), (std::vector<uint8_t>{1, 2, 3}));
-    EXPECT_EQ(dir.list(), std::vector<std::string>{"take.wav"});
-}
-
 // ---- the replacement under failure and interruption --------------------------
 
 // Every step of the replacement through a seam that makes one of them fail,
