@@ -16,25 +16,18 @@ using seeds::Bytes;
 
 Bytes wav(uint16_t tag, uint16_t channels, uint32_t rate, uint16_t bits, size_t frames,
           int64_t declared = -1) {
-    Bytes fmt = seeds::fmt(tag, channels, rate, bits);
-    if (tag == 0xFFFE) {  // extensible: the real tag in the sub-format
-        seeds::u16(fmt, 22);
-        seeds::u16(fmt, bits);
-        seeds::u32(fmt, 0);
-        seeds::u16(fmt, bits == 32 ? 3 : 1);
-        fmt.insert(fmt.end(), {0, 0, 0, 0, 0x10, 0, 0x80, 0, 0, 0xAA, 0, 0x38, 0x9B, 0x71});
-    }
+    // Extensible: the real tag in the sub-format.
+    const Bytes fmt = seeds::fmt_body(tag, channels, rate, bits, tag == 0xFFFE ? 40 : 16, bits == 32 ? 3 : 1);
     Bytes data = seeds::samples(frames * channels * bits / 16 + 1);
     data.resize(frames * channels * bits / 8);
-    Bytes b = {'R', 'I', 'F', 'F'};
-    seeds::u32(b, static_cast<uint32_t>(4 + 8 + fmt.size() + 8 + data.size()));
-    b.insert(b.end(), {'W', 'A', 'V', 'E', 'f', 'm', 't', ' '});
-    seeds::u32(b, static_cast<uint32_t>(fmt.size()));
-    b.insert(b.end(), fmt.begin(), fmt.end());
-    b.insert(b.end(), {'d', 'a', 't', 'a'});
-    seeds::u32(b, declared >= 0 ? static_cast<uint32_t>(declared) : static_cast<uint32_t>(data.size()));
-    b.insert(b.end(), data.begin(), data.end());
-    return b;
+    seeds::WavBytes w;
+    w.riff().chunk("fmt ", fmt);
+    if (declared >= 0) {
+        w.chunk("data", data, static_cast<uint32_t>(declared));
+    } else {
+        w.chunk("data", data);
+    }
+    return w.build();
 }
 
 uint8_t crc8(const Bytes& b, size_t from) {

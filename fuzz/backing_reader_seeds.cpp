@@ -14,24 +14,25 @@
 namespace {
 
 using seeds::Bytes;
-using seeds::fmt;
 using seeds::samples;
-using seeds::u32;
 
 // Chunks as given; `declared` overrides the size field of the last one.
 Bytes wav(const std::vector<std::pair<const char*, Bytes>>& chunks, int64_t declared = -1) {
-    Bytes b = {'R', 'I', 'F', 'F', 0, 0, 0, 0, 'W', 'A', 'V', 'E'};
+    seeds::WavBytes w;
+    w.riff();
     for (size_t i = 0; i < chunks.size(); ++i) {
         const auto& [id, body] = chunks[i];
-        b.insert(b.end(), id, id + 4);
-        const bool last = i + 1 == chunks.size();
-        u32(b, last && declared >= 0 ? static_cast<uint32_t>(declared) : static_cast<uint32_t>(body.size()));
-        b.insert(b.end(), body.begin(), body.end());
-        if (body.size() % 2 != 0) b.push_back(0);
+        if (i + 1 == chunks.size() && declared >= 0) {
+            w.chunk(id, body, static_cast<uint32_t>(declared));
+        } else {
+            w.chunk(id, body);
+        }
     }
-    const uint32_t riff = static_cast<uint32_t>(b.size() - 8);
-    std::memcpy(b.data() + 4, &riff, 4);
-    return b;
+    return w.build();
+}
+
+Bytes fmt(uint16_t tag, uint16_t channels, uint32_t rate, uint16_t bits) {
+    return seeds::fmt_body(tag, channels, rate, bits);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
-// What the seed generators share: little-endian byte building, the WAV
-// pieces of the file-reading targets, and writing one seed file.
+// What the seed generators share: little-endian byte building, sample
+// bytes and writing one seed file. WAV files come from the tests' own
+// builder (tests/support/files.hpp).
 #pragma once
 
 #include <cstdint>
@@ -7,9 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "files.hpp"
+
 namespace seeds {
 
 using Bytes = std::vector<uint8_t>;
+using ws::test::fmt_body;
+using ws::test::WavBytes;
 
 inline void u16(Bytes& b, uint32_t v) {
     b.push_back(static_cast<uint8_t>(v & 0xFF));
@@ -28,17 +33,6 @@ inline Bytes samples(size_t count) {
     return b;
 }
 
-// The 16 bytes of a plain fmt chunk's body.
-inline Bytes fmt(uint16_t tag, uint16_t channels, uint32_t rate, uint16_t bits) {
-    Bytes b;
-    u16(b, tag);
-    u16(b, channels);
-    u32(b, rate);
-    u32(b, rate * channels * bits / 8);
-    u16(b, static_cast<uint16_t>(channels * bits / 8));
-    u16(b, bits);
-    return b;
-}
 
 // Writes dir/name; false (with a message) when it cannot.
 inline bool write_seed(const std::string& dir, const std::string& name, const Bytes& bytes) {

@@ -14,35 +14,20 @@ namespace {
 
 using seeds::Bytes;
 using seeds::samples;
-using seeds::u16;
-using seeds::u32;
-
-void chunk(Bytes& b, const char* id, const Bytes& body, bool pad = true) {
-    b.insert(b.end(), id, id + 4);
-    u32(b, static_cast<uint32_t>(body.size()));
-    b.insert(b.end(), body.begin(), body.end());
-    if (pad && body.size() % 2 != 0) b.push_back(0);
-}
 
 Bytes fmt(uint16_t tag, uint16_t channels, uint32_t rate, uint16_t bits, bool extensible_size = false,
           uint16_t sub = 1) {
-    Bytes b = seeds::fmt(tag, channels, rate, bits);
-    if (extensible_size) {
-        u16(b, 22);
-        u16(b, bits);
-        u32(b, channels == 1 ? 4 : 3);
-        u16(b, sub);
-        const uint8_t tail[14] = {0, 0, 0, 0, 0x10, 0, 0x80, 0, 0, 0xAA, 0, 0x38, 0x9B, 0x71};
-        b.insert(b.end(), tail, tail + 14);
-    }
-    return b;
+    return seeds::fmt_body(tag, channels, rate, bits, extensible_size ? 40 : 16, sub);
 }
 
+// A skip byte, then the file.
 Bytes wav(uint8_t skip, const std::vector<std::pair<const char*, Bytes>>& chunks) {
-    Bytes b = {skip, 'R', 'I', 'F', 'F', 0, 0, 0, 0, 'W', 'A', 'V', 'E'};
-    for (const auto& [id, body] : chunks) chunk(b, id, body);
-    const uint32_t riff = static_cast<uint32_t>(b.size() - 9);
-    std::memcpy(b.data() + 5, &riff, 4);
+    seeds::WavBytes w;
+    w.riff();
+    for (const auto& [id, body] : chunks) w.chunk(id, body);
+    Bytes b = {skip};
+    const Bytes file = w.build();
+    b.insert(b.end(), file.begin(), file.end());
     return b;
 }
 

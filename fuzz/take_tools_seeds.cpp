@@ -7,17 +7,8 @@
 
 namespace {
 seeds::Bytes wav(uint16_t channels, uint32_t rate, size_t frames) {
-    seeds::Bytes fmt = seeds::fmt(1, channels, rate, 16);
-    const seeds::Bytes data = seeds::samples(frames * channels);
-    seeds::Bytes b = {'R', 'I', 'F', 'F'};
-    seeds::u32(b, static_cast<uint32_t>(4 + 8 + fmt.size() + 8 + data.size()));
-    b.insert(b.end(), {'W', 'A', 'V', 'E', 'f', 'm', 't', ' '});
-    seeds::u32(b, static_cast<uint32_t>(fmt.size()));
-    b.insert(b.end(), fmt.begin(), fmt.end());
-    b.insert(b.end(), {'d', 'a', 't', 'a'});
-    seeds::u32(b, static_cast<uint32_t>(data.size()));
-    b.insert(b.end(), data.begin(), data.end());
-    return b;
+    return seeds::WavBytes().riff().chunk("fmt ", seeds::fmt_body(1, channels, rate, 16))
+        .chunk("data", seeds::samples(frames * channels)).build();
 }
 }  // namespace
 
