@@ -346,7 +346,7 @@ PitchEstimate PitchDetector::detect(const float* x, size_t n) {
         for (int32_t lag : maxima_) {
             if (lag >= chosen) break;
             const bool divides = std::abs(2 * lag - chosen) <= reach || std::abs(3 * lag - chosen) <= reach;
-            if (divides && v[lag] >= kShorterClarity * highest) {
+            if (divides && v[lag] >= std::max(kShorterClarity * highest, kClarityThreshold)) {
                 chosen = lag;
                 shorter = true;
                 break;
