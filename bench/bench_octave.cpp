@@ -2,7 +2,9 @@
 // whose pitch is known: low strings with a weak fundamental and a weak third
 // harmonic (the profiles measured on recorded nylon- and steel-string low E
 // notes, and variations of them), and plain synthetic kinds that must stay at
-// their own pitch. Every file goes through tn_offline_process, the public
+// their own pitch, also as decaying upper tones over a music-like broadband
+// background or over a backing's leftover notes ("below" counts readings an
+// octave or more low). Every file goes through tn_offline_process, the public
 // path; the material is the same on every run (fixed seed).
 // With --shares it also prints, per kind, how far the detector's evidence for
 // the octave below stood from its thresholds (the lesser of the odd-harmonic
