@@ -459,7 +459,8 @@ OddHarmonics odd_harmonics(const double* x, size_t n, double period) {
     double first = 0.0;
     for (int32_t k = 0; k < kOdd; ++k) {
         if (!used[k]) continue;
-        // The floor of harmonic j = 2k + 1: the two gaps either side of it.
+        // The floor of harmonic j = 2k + 1: the two nearest gaps on each side
+        // of it (three for j = 1 and 7).
         double floor = 0.0;
         int32_t count = 0;
         for (int32_t g = 2 * k - 1; g <= 2 * k + 2; ++g) {

@@ -66,9 +66,10 @@ private:
 // `period` samples (those below 0.45 cycles per sample), from a Hann-windowed
 // DFT over the largest whole number m of periods in the middle of x, as
 // shares of the window's power: each harmonic counts by what it stands above
-// kFloorFactor times its floor (the mean of the bins half way to the next
-// harmonics; no floor when m < 4). `share` sums them, `second` is the second
-// largest. Zero when fewer than two periods fit or x is silent.
+// kFloorFactor times its floor (the mean of the bins half way between
+// harmonics, two on each side; no floor when m < 4). `share` sums them,
+// `second` is the second largest. Zero when fewer than two periods fit or x
+// is silent.
 struct OddHarmonics {
     double share = 0.0;
     double second = 0.0;
