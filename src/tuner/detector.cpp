@@ -332,6 +332,27 @@ PitchEstimate PitchDetector::detect(const float* x, size_t n) {
             break;
         }
     }
+    // An upper note over a quieter one an octave or a twelfth below it
+    // (what leak removal leaves of a backing, say) repeats fully only at two
+    // or three of its own periods. At its own period the rest, a share s of
+    // the power, takes the value down by about 2s (octave) or 1.5s (twelfth),
+    // so a value within 70 % of the best leaves s under 15..20 %: the shorter
+    // period is taken, and the octave below is then weighed by its odd
+    // harmonics like any other. A tone with 80 % of its power at harmonics 3,
+    // 6, 9, ... of its period is no instrument's.
+    for (bool shorter = true; shorter;) {
+        shorter = false;
+        const int32_t reach = std::max(2, chosen / 16);
+        for (int32_t lag : maxima_) {
+            if (lag >= chosen) break;
+            const bool divides = std::abs(2 * lag - chosen) <= reach || std::abs(3 * lag - chosen) <= reach;
+            if (divides && v[lag] >= std::max(kShorterClarity * highest, kClarityThreshold)) {
+                chosen = lag;
+                shorter = true;
+                break;
+            }
+        }
+    }
     auto refine = [&](int32_t lag) {
         if (lag < 1 || lag >= max_lag_) return static_cast<double>(lag);
         const double a = v[lag - 1], b = v[lag], cc = v[lag + 1];
@@ -345,6 +366,7 @@ PitchEstimate PitchDetector::detect(const float* x, size_t n) {
     // an octave up, which has no power at all between its own harmonics.
     lower_hz_ = 0.0;
     share_ = 0.0;
+    second_ = 0.0;
     for (;;) {
         const int32_t reach = std::max(2, chosen / 16);
         int32_t lower = -1;
@@ -358,12 +380,16 @@ PitchEstimate PitchDetector::detect(const float* x, size_t n) {
         // the transform on clean tones).
         if (1.0 - v[chosen] < kLowerOctaveShare) break;
         const double period = refine(lower);
-        const double share = odd_harmonic_share(centred_.data(), n, period);
+        const OddHarmonics odd = odd_harmonics(centred_.data(), n, period);
         if (lower_hz_ == 0.0) {
             lower_hz_ = rate_ / period;
-            share_ = share;
+            share_ = odd.share;
+            second_ = odd.second;
         }
-        if (share < kLowerOctaveShare) break;
+        // A lower note is heard through several of its odd harmonics; one
+        // partial alone at one of them is an interval over the upper note
+        // (a fifth above it, say), not a note below it.
+        if (odd.share < kLowerOctaveShare || odd.second < kLowerOctaveSecond) break;
         chosen = lower;
         refined = period;
     }
@@ -371,34 +397,52 @@ PitchEstimate PitchDetector::detect(const float* x, size_t n) {
     return {rate_ / refined, v[chosen]};
 }
 
-double odd_harmonic_share(const double* x, size_t n, double period) {
+OddHarmonics odd_harmonics(const double* x, size_t n, double period) {
     constexpr double kTwoPi = 6.283185307179586;
-    if (!(period > 0.0)) return 0.0;
+    OddHarmonics out;
+    if (!(period > 0.0)) return out;
     const double periods = std::floor(static_cast<double>(n) / period);
-    if (periods < 2.0) return 0.0;
+    if (periods < 2.0) return out;
     // Whole periods put every harmonic of the period on a zero of the Hann
     // window's spectrum but its own, so the even harmonics (a true tone an
     // octave up) leak nothing into the odd ones, and make the plain sum of
     // squares the power of the harmonics.
     const size_t len = std::min(n, static_cast<size_t>(std::lround(periods * period)));
     const double* y = x + (n - len) / 2;
-    double coef[4] = {};
-    size_t count = 0;
-    for (int j = 1; j <= 7; j += 2) {
-        if (j / period < 0.45) coef[count++] = 2.0 * std::cos(kTwoPi * j / period);
+    // Bins m = periods apart hold the harmonics; from m = 4 on, a bin half
+    // way between two of them (rounded down) is 2 or more bins from every
+    // harmonic and holds only what is not a harmonic at all: the floor.
+    const int32_t m = static_cast<int32_t>(periods);
+    const double half = m >= 4 ? static_cast<double>(m / 2) / periods : -1.0;
+    // Slots 0..3 for harmonics 1, 3, 5 and 7, then the floor after harmonics
+    // 0..7.
+    constexpr int32_t kOdd = 4, kGaps = 8, kSlots = kOdd + kGaps;
+    double coef[kSlots] = {};
+    bool used[kSlots] = {};
+    auto place = [&](int32_t slot, double harmonic) {
+        const double cycles = harmonic / period;
+        if (cycles < 0.45) {
+            coef[slot] = 2.0 * std::cos(kTwoPi * cycles);
+            used[slot] = true;
+        }
+    };
+    for (int32_t k = 0; k < kOdd; ++k) place(k, 2.0 * k + 1.0);
+    if (half > 0.0) {
+        for (int32_t g = 0; g < kGaps; ++g) place(kOdd + g, g + half);
     }
-    // Goertzel recurrences for the odd harmonics, side by side, and the Hann
-    // window's cosine by the same kind of recurrence. Each step's only
-    // dependence on the previous one is one multiply-add.
-    double s1[4] = {}, s2[4] = {};
+    // Goertzel recurrences side by side, and the Hann window's cosine by the
+    // same kind of recurrence. Each step's only dependence on the previous
+    // one is one multiply-add.
+    double s1[kSlots] = {}, s2[kSlots] = {};
     const double turn = 2.0 * std::cos(kTwoPi / static_cast<double>(len));
     double cos_now = 1.0, cos_before = std::cos(kTwoPi / static_cast<double>(len));
     double energy = 0.0;
+    const int32_t slots = half > 0.0 ? kSlots : kOdd;
     for (size_t i = 0; i < len; ++i) {
         const double v = y[i];
         const double w = (0.5 - 0.5 * cos_now) * v;
         energy += v * v;
-        for (size_t k = 0; k < 4; ++k) {
+        for (int32_t k = 0; k < slots; ++k) {
             const double s0 = coef[k] * s1[k] + (w - s2[k]);
             s2[k] = s1[k];
             s1[k] = s0;
@@ -407,12 +451,37 @@ double odd_harmonic_share(const double* x, size_t n, double period) {
         cos_before = cos_now;
         cos_now = next;
     }
-    if (!(energy > 0.0)) return 0.0;
-    double odd = 0.0;
-    for (size_t k = 0; k < count; ++k) odd += s1[k] * s1[k] + s2[k] * s2[k] - coef[k] * s1[k] * s2[k];
+    if (!(energy > 0.0)) return out;
     // A partial of amplitude A gives |X|^2 = (A len / 4)^2 and A^2 len / 2
     // of energy; over whole periods distinct harmonics add no cross terms.
-    return 8.0 * odd / (static_cast<double>(len) * energy);
+    const double scale = 8.0 / (static_cast<double>(len) * energy);
+    auto power = [&](int32_t k) { return (s1[k] * s1[k] + s2[k] * s2[k] - coef[k] * s1[k] * s2[k]) * scale; };
+    double first = 0.0;
+    for (int32_t k = 0; k < kOdd; ++k) {
+        if (!used[k]) continue;
+        // The floor of harmonic j = 2k + 1: the two nearest gaps on each side
+        // of it (three for j = 1 and 7).
+        double floor = 0.0;
+        int32_t count = 0;
+        for (int32_t g = 2 * k - 1; g <= 2 * k + 2; ++g) {
+            if (g >= 0 && g < kGaps && used[kOdd + g]) {
+                floor += power(kOdd + g);
+                ++count;
+            }
+        }
+        if (count > 0) floor /= count;
+        // Only a peak counts, by what it stands above kFloorFactor times its
+        // floor.
+        const double part = std::max(0.0, power(k) - kFloorFactor * floor);
+        out.share += part;
+        if (part > first) {
+            out.second = first;
+            first = part;
+        } else {
+            out.second = std::max(out.second, part);
+        }
+    }
+    return out;
 }
 
 PitchEstimate OctaveGuard::apply(PitchEstimate in) {

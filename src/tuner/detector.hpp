@@ -23,6 +23,13 @@ public:
     // A window with at least this share of its power at the odd harmonics of
     // the octave below the chosen period is that lower note (-30 dB).
     static constexpr double kLowerOctaveShare = 0.001;
+    // ...provided the second strongest of those odd harmonics alone holds at
+    // least this share (-40 dB).
+    static constexpr double kLowerOctaveSecond = 0.0001;
+    // A key maximum at a half or a third of the chosen period with at least
+    // this share of the best value is taken instead, the octave below it then
+    // weighed as above.
+    static constexpr double kShorterClarity = 0.7;
 
     // rate is the (decimated) rate the windows arrive at; n the window length.
     void configure(double rate, double lowest_hz, double highest_hz, uint64_t n);
@@ -36,6 +43,7 @@ public:
     // its odd-harmonic share.
     double lower_octave_hz() const { return lower_hz_; }
     double lower_octave_share() const { return share_; }
+    double lower_octave_second() const { return second_; }
 
 private:
     void compute_nsdf(size_t n);
@@ -50,13 +58,23 @@ private:
     std::vector<int32_t> maxima_;
     double lower_hz_ = 0.0;
     double share_ = 0.0;
+    double second_ = 0.0;
 };
 
-// Share of the power of x[0..n) at the odd harmonics 1, 3, 5 and 7 of a
-// period of `period` samples (those below 0.45 cycles per sample), from a
-// Hann-windowed DFT over the largest whole number of periods in the middle
-// of x. Zero when fewer than two periods fit or x is silent.
-double odd_harmonic_share(const double* x, size_t n, double period);
+// What x[0..n) holds at the odd harmonics 1, 3, 5 and 7 of a period of
+// `period` samples (those below 0.45 cycles per sample), from a Hann-windowed
+// DFT over the largest whole number m of periods in the middle of x, as
+// shares of the window's power: each harmonic counts by what it stands above
+// kFloorFactor times its floor (the mean of the bins half way between
+// harmonics, two on each side; no floor when m < 4). `share` sums them,
+// `second` is the second largest. Zero when fewer than two periods fit or x
+// is silent.
+struct OddHarmonics {
+    double share = 0.0;
+    double second = 0.0;
+};
+constexpr double kFloorFactor = 10.0;
+OddHarmonics odd_harmonics(const double* x, size_t n, double period);
 
 // Replaces a single estimate more than 80 cents away from the median of the
 // last five by that median; three misses in a row forget the history.
