@@ -1,4 +1,4 @@
-// The family frame's rules, on a test family, and the back-end result tables.
+// The family frame's rules, on a test family.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "frame/family.hpp"
-#include "frame/result_map.hpp"
 
 namespace {
 
@@ -86,35 +85,6 @@ TEST_F(FamilyTest, CallsAreSerialisedAcrossThreads) {
     EXPECT_EQ(bad.load(), 0);
     g_family.destroy();
     EXPECT_EQ(TestEngine::alive.load(), 0);
-}
-
-struct MapRow {
-    int ma;
-    int32_t tuner, metronome, recorder;
-};
-
-TEST(ResultMap, TablesOfTheThreeFamilies) {
-    namespace ma = ws::frame::ma_code;
-    const MapRow rows[] = {
-        {ma::success, ws_ok, ws_ok, ws_ok},
-        {ma::access_denied, ws_access_denied, ws_access_denied, ws_access_denied},
-        {ma::busy, ws_device_busy, ws_device_busy, ws_device_failure},
-        {ma::unavailable, ws_device_busy, ws_device_busy, ws_device_failure},
-        {ma::invalid_data, ws_unsupported_format, ws_device_failure, ws_device_failure},
-        {ma::format_not_supported, ws_unsupported_format, ws_unsupported_format, ws_device_failure},
-        {ma::device_type_not_supported, ws_no_device, ws_no_device, ws_device_failure},
-        {ma::no_device, ws_no_device, ws_no_device, ws_device_failure},
-        {ma::device_not_initialized, ws_device_busy, ws_device_busy, ws_device_failure},
-        {ma::device_not_started, ws_device_busy, ws_device_busy, ws_device_failure},
-        {-1, ws_device_failure, ws_device_failure, ws_device_failure},       // generic error
-        {12345, ws_device_failure, ws_device_failure, ws_device_failure},
-    };
-    for (const auto& r : rows) {
-        SCOPED_TRACE(r.ma);
-        EXPECT_EQ(ws::frame::map_device_result(r.ma), r.tuner);
-        EXPECT_EQ(ws::frame::map_device_result_metronome(r.ma), r.metronome);
-        EXPECT_EQ(ws::frame::map_device_result_recorder(r.ma), r.recorder);
-    }
 }
 
 }  // namespace
