@@ -453,6 +453,16 @@ void remove_file(const std::string& path) {
 #endif
 }
 
+bool folder_writable(const std::string& path) {
+    const std::filesystem::path parent = fs_path(path).parent_path();
+    const std::string folder = parent.empty() ? std::string(".") : utf8_text(parent);
+#if defined(_WIN32)
+    return _waccess(widen(folder).c_str(), 2) == 0;
+#else
+    return access(folder.c_str(), W_OK) == 0;
+#endif
+}
+
 bool is_terminal(FILE* stream) {
 #if defined(_WIN32)
     return _isatty(_fileno(stream)) != 0;

@@ -190,6 +190,9 @@ FILE* open_file(const std::string& path, const char* mode);
 // remove() for a UTF-8 path; failures are ignored (used to drop partial output).
 void remove_file(const std::string& path);
 
+// Whether this program may create files in the folder that holds `path`.
+bool folder_writable(const std::string& path);
+
 bool is_terminal(FILE* stream);
 
 // Columns of the terminal on `stream`, or 0 when it is none or cannot tell.

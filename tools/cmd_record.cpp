@@ -90,10 +90,11 @@ std::optional<double> backing_seconds(const std::string& path) {
         case ws_backend_init_failed: throw DeviceError(no_sound_text());
         case ws_device_failure: {
             // The library answers -15 both for a take it cannot create and for
-            // a device that fails.
+            // a device that fails. It opens the device first, so with no take
+            // there and a folder open to us, the device is what failed.
             std::error_code ec;
             const bool exists = std::filesystem::exists(fs_path(take), ec);
-            if (!exists) output_error(take, "cannot be created");
+            if (!exists && !folder_writable(take)) output_error(take, "cannot be created");
             if (!take_existed) remove_file(take);  // nothing but a header: not worth keeping
             throw DeviceError("cannot open the duplex audio device: " + result_text(r));
         }
