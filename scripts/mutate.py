@@ -35,7 +35,7 @@ BUILD = os.path.join(TREE, "build", "mutate")
 TESTS = ["test_frame", "test_nsdf", "test_tuner", "test_abi", "test_metronome",
          "test_metronome_realtime", "test_metronome_abi", "test_recorder", "test_takes",
          "test_takes_abi"]
-TEST_TIMEOUT = 120
+TEST_TIMEOUT = 300  # a loaded machine runs the take tests for minutes
 
 # (file, pattern, occurrence (1 = first), replacement). The pattern is a
 # literal string unless it starts with "re:".
