@@ -10,7 +10,8 @@
 #
 # Defaults: build/release/bin/woodshed, 20 takes, 30 s, 48000 and 44100 Hz;
 # WINDOW=5 sets the window length in seconds, KEEP=DIR keeps the backing,
-# the takes and each server's log in DIR. Load the machine beforehand (e.g.
+# the takes and each server's log in DIR (a backing.wav already there is
+# used again). Load the machine beforehand (e.g.
 # stress-ng --cpu 2) to see it under pressure. Prints a line a take: the
 # recorder's repairs, the playback underruns the server logged (by stream:
 # 'miniaudio' is the recorder's, 'pacat' the sink's keep-alive), the delay
@@ -44,7 +45,7 @@ trap cleanup EXIT
 # random loudness), 16-bit stereo at 44100 Hz: no two windows alike, so the
 # delay has one peak. Takes start at different places in it.
 backing_seconds=120
-python3 - "$work/backing.wav" "$backing_seconds" <<'PY'
+[ -f "$work/backing.wav" ] || python3 - "$work/backing.wav" "$backing_seconds" <<'PY'
 import array, math, random, sys, wave
 path, secs, sr = sys.argv[1], int(sys.argv[2]), 44100
 rng = random.Random(15)
