@@ -399,15 +399,20 @@ bool report_step(const Files& f, const TakeAnalysis& a) {
     write_report_svg(f.picture, take, report, tuner, grid);
     std::printf("   %s: the picture of it\n", f.picture.c_str());
 
-    // Each note played is the reported one of its name nearest to where it
-    // was played; any other is one the cleaning's remainder made.
+    // Each note played is the reported one of its name whose onset is
+    // nearest to where it was played; any other is one the cleaning's
+    // remainder made. By onset, not by deviation: a deviation is from the
+    // nearest beat, and a remainder of a held note on the next beat can lie
+    // nearer its played deviation than the note itself.
     std::vector<const TakeReportNote*> found;
     std::vector<double> offsets;
     for (const LineNote& played : kLine) {
+        const double at = static_cast<double>(grid.first_beat_frame) + played.start() * take.rate;
         const TakeReportNote* best = nullptr;
         for (const TakeReportNote& n : report.notes) {
-            if (n.note == played.midi && (best == nullptr || std::fabs(n.deviation_ms - played.late_ms) <
-                                                                 std::fabs(best->deviation_ms - played.late_ms))) {
+            if (n.note == played.midi &&
+                (best == nullptr || std::fabs(static_cast<double>(n.onset_frame) - at) <
+                                        std::fabs(static_cast<double>(best->onset_frame) - at))) {
                 best = &n;
             }
         }
