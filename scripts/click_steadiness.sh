@@ -35,9 +35,11 @@ for rate in "${rates[@]}"; do
   parec --raw --format=float32le --channels=1 --rate="$rate" --latency-msec=200 \
     --device=woodshed_sink.monitor >"$work/monitor-$rate.f32" &
   rec=$!
-  sleep 0.5
+  sleep 3  # the recorder's first audio arrives only after a block of the sink
   "$bin" click --bpm 120 --seconds "$seconds" >/dev/null 2>&1 </dev/null || true
-  sleep 0.5
+  # The monitor hands its audio over in blocks of up to two seconds: wait for
+  # the last ones before stopping the recorder.
+  sleep 3
   kill "$rec"; wait "$rec" 2>/dev/null || true
   bash scripts/pulse-server.sh stop "$server"; server=""
   python3 - "$work/monitor-$rate.f32" "$rate" "$seconds" <<'PY'
