@@ -268,13 +268,14 @@ ok = (w.getnchannels(), w.getsampwidth(), w.getframerate()) == (1, 2, 44100)
 print("%.3f s" % (w.getnframes() * 1000 // 44100 / 1000) if ok and w.getnframes() * 2 + 44 == os.path.getsize(sys.argv[1]) else "incomplete")' "$1" 2>&1
   }
   run record --backing back.wav --take "t ä.wav" --seconds 1
+  # A repair where the server fell behind drops a few milliseconds.
   len=$(complete "t ä.wav")
-  [ "$rc" -eq 0 ] && [[ "$len" == 1.* ]] && grep -q "^take: 't ä\.wav', $len\$" <<< "$out"; verdict "one-second take: $len"
+  [ "$rc" -eq 0 ] && near "${len% s}" 1 0.15 && grep -q "^take: 't ä\.wav', $len\$" <<< "$out"; verdict "one-second take: $len"
   run devices --json
   monitor=$(json '[d["name"] for d in j["capture"] if "Woodshed_null_sink" in d["name"]][0]')
   run record --backing back.wav --take t2.wav --from 5.5 --input "$monitor"
   len=$(complete t2.wav)
-  [ "$rc" -eq 0 ] && [[ "$len" == 1.* ]] && grep -q "input \"$monitor\"" <<< "$out"; verdict "take to the backing's end from $monitor: $len"
+  [ "$rc" -eq 0 ] && near "${len% s}" 1.5 0.3 && grep -q "input \"$monitor\"" <<< "$out"; verdict "take to the backing's end from $monitor: $len"
   if [ "$native" -eq 1 ]; then
     for sig in INT TERM HUP; do
       "${ws[@]}" record --backing back.wav --take "sig$sig.wav" --json > stdout.txt 2> stderr.txt &
