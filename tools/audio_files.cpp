@@ -66,6 +66,7 @@ FileFacts inspect_bytes(const unsigned char* d, size_t n, uint64_t total) {
         return f;
     }
     if (n < 12 || std::memcmp(d, "RIFF", 4) != 0 || std::memcmp(d + 8, "WAVE", 4) != 0) return f;
+    f.riff = true;
     size_t pos = 12;
     bool fmt = false;
     while (pos + 8 <= n) {
@@ -137,6 +138,19 @@ FileFacts inspect_file(const std::string& path) {
     const size_t got = std::fread(head.data(), 1, head.size(), in);
     std::fclose(in);
     return inspect_bytes(head.data(), got, size);
+}
+
+bool documented_wav(const FileFacts& f) {
+    return f.wav && ((f.format == 1 && (f.bits == 8 || f.bits == 16 || f.bits == 24 || f.bits == 32)) ||
+                     (f.format == 3 && (f.bits == 32 || f.bits == 64)));
+}
+
+std::string refusal(const FileFacts& f) {
+    if (f.encoding == "FLAC" || f.encoding == "MP3" || documented_wav(f)) return {};
+    if (f.wav) return f.encoding + ", which is not read here";
+    if (f.riff && !f.warning.empty()) return f.warning;
+    if (f.riff) return "a WAV file whose audio was not found in its first MiB (damaged?)";
+    return "not a WAV, FLAC or MP3 file, or damaged";
 }
 
 bool take_tools_read(const FileFacts& f) {

@@ -15,6 +15,7 @@ struct FileFacts {
     std::string encoding;  // "16-bit PCM WAV", "32-bit float WAV", "FLAC", "MP3"; empty if unknown
     std::string warning;   // a header that does not match the file, said with what was read
     bool stream = false;   // not a regular file (a pipe, /dev/stdin): read it whole
+    bool riff = false;     // starts as a RIFF/WAVE file does
     bool wav = false;      // RIFF/WAVE with a format chunk
     uint16_t format = 0;   // WAV format tag, extensible resolved: 1 PCM, 3 float
     uint16_t channels = 0;
@@ -32,6 +33,15 @@ FileFacts inspect_file(const std::string& path);
 
 // The same from the first `size` bytes of something `total` bytes long.
 FileFacts inspect_bytes(const unsigned char* data, size_t size, uint64_t total);
+
+// PCM of 8, 16, 24 or 32 bits or float of 32 or 64: the WAV encodings the
+// program reads and writes. Others (ADPCM, A-law, ...) are refused before
+// any decoder sees them.
+bool documented_wav(const FileFacts& facts);
+
+// Why the decoder is not asked to read these bytes at all, or empty: only
+// FLAC, MP3 and documented WAVs go to it.
+std::string refusal(const FileFacts& facts);
 
 // 16-bit PCM WAV, mono or stereo, whose header is truthful: what the take
 // tools read directly.

@@ -359,15 +359,15 @@ AudioReader::AudioReader(const std::string& path, uint32_t min_rate, uint32_t ma
         facts = inspect_bytes(impl_->memory.data(), impl_->memory.size(), impl_->memory.size());
     }
     encoding_ = facts.encoding;
+    if (facts.wav && facts.channels > MA_MAX_CHANNELS) {
+        fail(std::to_string(facts.channels) + " channels; files of up to " + std::to_string(MA_MAX_CHANNELS) +
+             " are read");
+    }
+    if (const std::string why = refusal(facts); !why.empty()) fail(why);
     ma_result r = open_decoder(path, impl_->memory_vfs, 0, &impl_->decoder);
     if (r != MA_SUCCESS) {
         if (r == MA_DOES_NOT_EXIST) r = MA_INVALID_FILE;  // the file is there: an empty one reads so
-        if (facts.wav && facts.channels > MA_MAX_CHANNELS) {
-            fail(std::to_string(facts.channels) + " channels; files of up to " + std::to_string(MA_MAX_CHANNELS) +
-                 " are read");
-        }
-        fail(facts.wav && !facts.encoding.empty() ? facts.encoding + ", which is not read here"
-                                                  : decode_reason(r));
+        fail(decode_reason(r));
     }
     impl_->open = true;
 

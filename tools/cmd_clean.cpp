@@ -31,9 +31,7 @@ constexpr OptionSpec kSpecs[] = {{"delay", true}, {"from", true},   {"range", tr
 
 // The take's own encoding when a WAV can hold it, else 16-bit PCM.
 WavEncoding encoding_of(const FileFacts& f) {
-    if (f.wav && f.format == 1 && (f.bits == 8 || f.bits == 16 || f.bits == 24 || f.bits == 32)) return {1, f.bits};
-    if (f.wav && f.format == 3 && (f.bits == 32 || f.bits == 64)) return {3, f.bits};
-    return {};
+    return documented_wav(f) ? WavEncoding{f.format, f.bits} : WavEncoding{};
 }
 
 // "take.flac" -> "take.clean.wav".

@@ -157,6 +157,7 @@ mkdir -p folder
 sox -n -r 48000 -b 16 r48.wav synth 1 sine 440
 sox -n -r 44100 -b 24 b24.wav synth 0.1 sine 440
 sox -n -r 8000 -b 16 -c 256 ch256.wav synth 0.01 sine 440
+sox -n -r 8000 -e ms-adpcm adpcm.wav synth 0.1 sine 440
 # status  stderr starts with                        arguments
 failure_cases=(
   "3 missing.wav: no such file                 align back.wav missing.wav"
@@ -165,6 +166,7 @@ failure_cases=(
   "3 text.wav: not a WAV, FLAC or MP3 file     clean back.wav text.wav"
   "3 r48.wav: 48000 Hz, the backing 44100 Hz   align back.wav r48.wav"
   "3 ch256.wav: 256 channels; files of up to   tune ch256.wav"
+  "3 adpcm.wav: WAV of format 0x0002, which is  tune adpcm.wav"
   "2 --delay 99999999 frames is beyond         clean back.wav take.wav --delay 99999999"
   "2 --from 100 is past the end of the backing  align back.wav take.wav --from 100"
   "2 the take and the backing are the same     clean take.wav take.wav"
