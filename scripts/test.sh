@@ -96,10 +96,6 @@ for stage in "${stages[@]}"; do
       cmake --build --preset fuzz -j "$jobs"
       for target in build/fuzz/bin/fuzz_*; do
         name=$(basename "$target")
-        # Run by hand for now: it reaches the decoders of the CLI's audio
-        # library, where it finds faults not yet dealt with (a signed overflow
-        # in the MS-ADPCM decoder, a hang not yet traced).
-        [ "$name" = fuzz_audio_files ] && continue
         corpus="build/fuzz/corpus/$name"
         mkdir -p "$corpus"
         [ -d "fuzz/corpus/$name" ] && cp -n fuzz/corpus/"$name"/* "$corpus"/ 2>/dev/null || true
@@ -107,7 +103,7 @@ for stage in "${stages[@]}"; do
         "$target" -max_total_time="${WOODSHED_FUZZ_SECONDS:-30}" -rss_limit_mb=2048 -print_final_stats=1 \
           "$corpus" 2>&1 | tail -n 4
       done
-      stage_done fuzz "passed, $(ls build/fuzz/bin/fuzz_* | grep -vc fuzz_audio_files) targets"
+      stage_done fuzz "passed, $(ls build/fuzz/bin/fuzz_* | grep -c '') targets"
       ;;
     *) echo "unknown stage: $stage" >&2; exit 2 ;;
   esac
