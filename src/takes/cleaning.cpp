@@ -849,14 +849,17 @@ bool clean_take(const float* a, size_t na, std::vector<float>& b, int64_t lag, d
     }
 
     double before = 0.0, after = 0.0;
-    // Never worse. A chunk is changed only where subtraction lowers the
-    // energy of it and its neighbours (kCheckReach chunks either side) by
-    // more than a fit of that many taps to that much take could by chance;
-    // and the whole take only when the filter also lowers the energy where
-    // it was not fitted (the passages left out of the estimate), which a fit
-    // to the player alone does not. Over one chunk a loud player's chance
-    // correlation with the leak can outweigh the leak itself: removing the
-    // leak exactly would then raise the chunk's energy.
+    // Never worse. Nothing is changed unless subtraction lowers the whole
+    // take's energy by more than a fit of that many taps to that much take
+    // could by chance, and lowers it where the filter was not fitted (the
+    // passages left out of the estimate), which a fit to the player alone
+    // does not. That chance figure is the take's average: asked of each
+    // chunk, it let chance fits through where they happened to do well and
+    // kept true leak wherever a loud player hid it. Then a chunk is changed
+    // where subtraction lowers the energy of it and its neighbours
+    // (kCheckReach chunks either side): over one chunk a loud player's chance
+    // correlation with the leak can outweigh the leak itself, and removing
+    // the leak exactly would then raise the chunk's energy.
     const double margin = static_cast<double>(taps) / std::max(est_frames, 1.0);
     double outside = 0.0;
     std::vector<double> e0s, e1s;
@@ -889,6 +892,9 @@ bool clean_take(const float* a, size_t na, std::vector<float>& b, int64_t lag, d
         }
         if (apply == 0) {
             keep.assign(e0s.size(), 0);
+            const double all0 = std::accumulate(e0s.begin(), e0s.end(), 0.0);
+            const double all1 = std::accumulate(e1s.begin(), e1s.end(), 0.0);
+            const bool beyond_chance = all1 < all0 * (1.0 - margin);
             for (size_t c = 0; c < e0s.size(); ++c) {
                 const size_t lo = c >= kCheckReach ? c - kCheckReach : 0;
                 const size_t hi = std::min(e0s.size(), c + kCheckReach + 1);
@@ -897,7 +903,7 @@ bool clean_take(const float* a, size_t na, std::vector<float>& b, int64_t lag, d
                     w0 += e0s[i];
                     w1 += e1s[i];
                 }
-                keep[c] = w1 < w0 * (1.0 - margin);
+                keep[c] = beyond_chance && w1 < w0;
                 if (keep[c]) {
                     before += e0s[c];
                     after += e1s[c];
