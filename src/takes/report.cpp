@@ -248,6 +248,10 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
     // from a soft note: the attack does (below).
     // Window powers come from the audio: the readings' own levels are per
     // pushed chunk, which may hold the end of the previous note.
+    const FluxFrames ff = flux_frames(rate);
+    const auto flux = spectral_flux(x, n, ff);
+    const auto peaks = flux_peaks(flux, rate, ff);
+    const int64_t hop = static_cast<int64_t>(framing.hop), window = static_cast<int64_t>(framing.window);
     {
         const size_t h = static_cast<size_t>(framing.hop);
         std::vector<double> block(n / h + 2, 0.0);
@@ -268,8 +272,9 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         // note can make the tracker slip an octave or two for a few readings,
         // or read a stray note just before the next one starts. A run an
         // octave or two from the run it follows without a gap, whose first
-        // windows are no louder than that run's last (a note played adds
-        // energy), is that note still: the readings on the other octave count
+        // windows are no louder than that run's last and where nothing is
+        // struck (a note played adds energy), is that note still: the
+        // readings on the other octave count
         // for nothing, as cents come from the run's own note. A run of two
         // readings that the next run takes over without a gap is that run's
         // beginning: its onset search then starts early enough.
@@ -281,7 +286,20 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
                 const bool adjacent = run.first <= prev.last + 3;
                 const double rise = std::max(power(run.first), power(run.first + 1)) /
                                     std::max(power(prev.last), 1e-30);
-                if (adjacent && (apart == 0 || ((apart == 12 || apart == 24) && rise < 2.0))) {
+                const auto struck_near = [&] {
+                    // Where the onset search below looks for this run's onset.
+                    const int64_t a = static_cast<int64_t>(run.first) * hop - 3 * hop;
+                    const int64_t b = static_cast<int64_t>(run.first) * hop + window + static_cast<int64_t>(ff.length / 2);
+                    for (const FluxPeak& p : peaks) {
+                        const int64_t at = static_cast<int64_t>(p.frame * ff.hop);
+                        if (at > a && at <= b &&
+                            attack_rise(x, n, rate, place_onset(x, n, rate, ff, p.frame)) >= kStruckRise) {
+                            return true;
+                        }
+                    }
+                    return false;
+                };
+                if (adjacent && (apart == 0 || ((apart == 12 || apart == 24) && rise < 2.0 && !struck_near()))) {
                     prev.last = std::max(prev.last, run.last);
                     // The note is the octave most of its readings hold.
                     size_t on_prev = 0, on_run = 0;
@@ -303,10 +321,6 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         runs = std::move(joined);
     }
 
-    const FluxFrames ff = flux_frames(rate);
-    const auto flux = spectral_flux(x, n, ff);
-    const auto peaks = flux_peaks(flux, rate, ff);
-    const int64_t hop = static_cast<int64_t>(framing.hop), window = static_cast<int64_t>(framing.window);
     const auto flux_frame_of = [&](int64_t frame) {
         return static_cast<size_t>(std::clamp<int64_t>(frame, 0, static_cast<int64_t>(n)) /
                                    static_cast<int64_t>(ff.hop));
