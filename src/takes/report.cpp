@@ -221,8 +221,10 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
     if (track.empty()) return notes;
     track.resize(ws::tuner::analyse_offline(&cfg, x, n, 1, rate, track.data(), track.size(), nullptr));
 
-    // Runs of two or more readings pitched on one note; a run broken by at
-    // most two readings and taken up again on the same note is one run.
+    // Runs of readings pitched on one note; a run broken by at most two
+    // readings and taken up again on the same note is one run. A note of
+    // 60 ms may give a single pitched reading: such a run counts only where
+    // a note is plainly struck (below).
     std::vector<Run> runs;
     for (size_t k = 0; k < track.size();) {
         const Pitch p = pitch_of(track[k]);
@@ -234,7 +236,7 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         while (last + 1 < track.size() && pitch_of(track[last + 1]).note == p.note) ++last;
         if (!runs.empty() && runs.back().note == p.note && k - runs.back().last <= 3) {
             runs.back().last = last;
-        } else if (last > k) {
+        } else {
             runs.push_back({k, last, p.note});
         }
         k = last + 1;
@@ -391,6 +393,7 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
             }
             continue;
         }
+        if (run.first == run.last && attack_rise(x, n, rate, onset) < kStruckRise) continue;
         if (onset < previous_onset + min_gap) onset = previous_onset + min_gap;
         found.push_back({onset, r});
         previous_onset = onset;
