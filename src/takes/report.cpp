@@ -291,7 +291,8 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
                 const auto struck_near = [&] {
                     // Where the onset search below looks for this run's onset.
                     const int64_t a = static_cast<int64_t>(run.first) * hop - 3 * hop;
-                    const int64_t b = static_cast<int64_t>(run.first) * hop + window + static_cast<int64_t>(ff.length / 2);
+                    const int64_t b =
+                        static_cast<int64_t>(run.first) * hop + window + static_cast<int64_t>(ff.length / 2);
                     for (const FluxPeak& p : peaks) {
                         const int64_t at = static_cast<int64_t>(p.frame * ff.hop);
                         if (at > a && at <= b &&
@@ -301,7 +302,8 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
                     }
                     return false;
                 };
-                if (adjacent && (apart == 0 || ((apart == 12 || apart == 24) && rise < 2.0 && !struck_near()))) {
+                const bool slip = (apart == 12 || apart == 24) && rise < 2.0 && !struck_near();
+                if (adjacent && (apart == 0 || slip)) {
                     prev.last = std::max(prev.last, run.last);
                     // The note is the octave most of its readings hold.
                     size_t on_prev = 0, on_run = 0;
