@@ -276,10 +276,10 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         // octave or two from the run it follows without a gap, whose first
         // windows are no louder than that run's last and where nothing is
         // struck (a note played adds energy), is that note still: the
-        // readings on the other octave count
-        // for nothing, as cents come from the run's own note. A run of two
-        // readings that the next run takes over without a gap is that run's
-        // beginning: its onset search then starts early enough.
+        // readings on the other octave count for nothing, as cents come from
+        // the run's own note. A run of one or two readings that the next run
+        // takes over without a gap is that run's beginning: its onset search
+        // then starts early enough.
         std::vector<Run> joined;
         for (const Run& run : runs) {
             if (!joined.empty()) {
