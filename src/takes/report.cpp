@@ -120,6 +120,19 @@ int64_t place_onset(const float* x, size_t n, uint32_t rate, const FluxFrames& f
     return std::clamp<int64_t>(t + w / 2, 0, last);
 }
 
+// How far a note struck at `at` lifts the sound: the power of the 40 ms
+// after it over that of the quietest 10 ms of the 40 ms before it (the gap,
+// however short, that the previous note left or a damped string makes).
+// What the cleaning leaves of a drum hit over a held note adds a flux peak
+// but barely any energy.
+double attack_rise(const float* x, size_t n, uint32_t rate, int64_t at) {
+    const int64_t w = std::max<int64_t>(2, rate / 100), span = 4 * w;
+    const Energy e = energy(x, n, at - span, at + span);
+    double before = e.at(at - w / 2, w);
+    for (int64_t c = at - span + w / 2; c < at - w / 2; c += w / 2) before = std::min(before, e.at(c, w));
+    return e.at(at + span / 2, span) / std::max(before, 1e-20);
+}
+
 struct FluxPeak {
     size_t frame;
     double value;
@@ -150,6 +163,11 @@ std::vector<FluxPeak> flux_peaks(const std::vector<double>& flux, uint32_t rate,
     }
     return peaks;
 }
+
+// A struck note lifts the sound at least this much (power, 12 dB) over the
+// quietest moment just before it; the leftovers of a backing's drums under a
+// held note, and flux from the tracker's own slips, stay far under it.
+constexpr double kStruckRise = 16.0;
 
 double percentile(std::vector<double> v, double p) {
     if (v.empty()) return 0.0;
@@ -203,8 +221,10 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
     if (track.empty()) return notes;
     track.resize(ws::tuner::analyse_offline(&cfg, x, n, 1, rate, track.data(), track.size(), nullptr));
 
-    // Runs of two or more readings pitched on one note; a run broken by at
-    // most two readings and taken up again on the same note is one run.
+    // Runs of readings pitched on one note; a run broken by at most two
+    // readings and taken up again on the same note is one run. A note of
+    // 60 ms may give a single pitched reading: such a run counts only where
+    // a note is plainly struck (below).
     std::vector<Run> runs;
     for (size_t k = 0; k < track.size();) {
         const Pitch p = pitch_of(track[k]);
@@ -216,19 +236,24 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         while (last + 1 < track.size() && pitch_of(track[last + 1]).note == p.note) ++last;
         if (!runs.empty() && runs.back().note == p.note && k - runs.back().last <= 3) {
             runs.back().last = last;
-        } else if (last > k) {
+        } else {
             runs.push_back({k, last, p.note});
         }
         k = last + 1;
     }
 
-    // What is left of a backing's leak after cleaning is pitched too, but
-    // far below the player: a run whose typical (median) window stays 20 dB
-    // under the take's loud pitched windows (their 90th percentile) is not a
-    // note. Not its loudest: the leak is read as soon as a note's tail fades,
-    // so its first windows still hold that tail.
+    // A run whose typical (median) window stays 40 dB under the take's loud
+    // pitched windows (their 90th percentile) is too faint to be played. Not
+    // its loudest: a faint leak is read as soon as a note's tail fades, so
+    // its first windows still hold that tail. What the cleaning leaves of a
+    // backing is often only 15-25 dB under the player, so no floor tells it
+    // from a soft note: the attack does (below).
     // Window powers come from the audio: the readings' own levels are per
     // pushed chunk, which may hold the end of the previous note.
+    const FluxFrames ff = flux_frames(rate);
+    const auto flux = spectral_flux(x, n, ff);
+    const auto peaks = flux_peaks(flux, rate, ff);
+    const int64_t hop = static_cast<int64_t>(framing.hop), window = static_cast<int64_t>(framing.window);
     {
         const size_t h = static_cast<size_t>(framing.hop);
         std::vector<double> block(n / h + 2, 0.0);
@@ -238,7 +263,7 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         for (size_t k = 0; k < track.size(); ++k) {
             if (pitch_of(track[k]).note >= 0) pitched.push_back(power(k));
         }
-        const double floor_power = 0.01 * percentile(pitched, 0.9);
+        const double floor_power = 1e-4 * percentile(pitched, 0.9);
         std::erase_if(runs, [&](const Run& run) {
             std::vector<double> own;
             for (size_t k = run.first; k <= run.last; ++k) own.push_back(power(k));
@@ -249,11 +274,12 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         // note can make the tracker slip an octave or two for a few readings,
         // or read a stray note just before the next one starts. A run an
         // octave or two from the run it follows without a gap, whose first
-        // windows are no louder than that run's last (a note played adds
-        // energy), is that note still: the readings on the other octave count
-        // for nothing, as cents come from the run's own note. A run of two
-        // readings that the next run takes over without a gap is that run's
-        // beginning: its onset search then starts early enough.
+        // windows are no louder than that run's last and where nothing is
+        // struck (a note played adds energy), is that note still: the
+        // readings on the other octave count for nothing, as cents come from
+        // the run's own note. A run of one or two readings that the next run
+        // takes over without a gap is that run's beginning: its onset search
+        // then starts early enough.
         std::vector<Run> joined;
         for (const Run& run : runs) {
             if (!joined.empty()) {
@@ -262,7 +288,22 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
                 const bool adjacent = run.first <= prev.last + 3;
                 const double rise = std::max(power(run.first), power(run.first + 1)) /
                                     std::max(power(prev.last), 1e-30);
-                if (adjacent && (apart == 0 || ((apart == 12 || apart == 24) && rise < 2.0))) {
+                const auto struck_near = [&] {
+                    // Where the onset search below looks for this run's onset.
+                    const int64_t a = static_cast<int64_t>(run.first) * hop - 3 * hop;
+                    const int64_t b =
+                        static_cast<int64_t>(run.first) * hop + window + static_cast<int64_t>(ff.length / 2);
+                    for (const FluxPeak& p : peaks) {
+                        const int64_t at = static_cast<int64_t>(p.frame * ff.hop);
+                        if (at > a && at <= b &&
+                            attack_rise(x, n, rate, place_onset(x, n, rate, ff, p.frame)) >= kStruckRise) {
+                            return true;
+                        }
+                    }
+                    return false;
+                };
+                const bool slip = (apart == 12 || apart == 24) && rise < 2.0 && !struck_near();
+                if (adjacent && (apart == 0 || slip)) {
                     prev.last = std::max(prev.last, run.last);
                     // The note is the octave most of its readings hold.
                     size_t on_prev = 0, on_run = 0;
@@ -284,10 +325,6 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         runs = std::move(joined);
     }
 
-    const FluxFrames ff = flux_frames(rate);
-    const auto flux = spectral_flux(x, n, ff);
-    const auto peaks = flux_peaks(flux, rate, ff);
-    const int64_t hop = static_cast<int64_t>(framing.hop), window = static_cast<int64_t>(framing.window);
     const auto flux_frame_of = [&](int64_t frame) {
         return static_cast<size_t>(std::clamp<int64_t>(frame, 0, static_cast<int64_t>(n)) /
                                    static_cast<int64_t>(ff.hop));
@@ -317,29 +354,62 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
             if (at <= a || at > b + static_cast<int64_t>(ff.length / 2)) continue;
             if (!from_peak || p.value > flux[best]) best = p.frame, from_peak = true;
         }
-        if (!from_peak) {
-            for (size_t k = best; k <= flux_frame_of(b + static_cast<int64_t>(ff.length / 2)) && k < flux.size(); ++k) {
-                if (flux[k] > flux[best]) best = k;
+        // A run without an attack where it begins was begun by something
+        // already sounding: what the cleaning left of the backing (its bass
+        // holds a note for bars), which a note played on the same pitch then
+        // joins. Such a note starts at the first flux peak inside the run
+        // that lifts the sound as a struck note does, and that three windows
+        // of the run wholly after it still read.
+        const int64_t run_end = static_cast<int64_t>(run.last) * hop;
+        const auto struck = [&](const FluxPeak& p, int64_t& at) {
+            at = place_onset(x, n, rate, ff, p.frame);
+            return at >= previous_onset + min_gap && at <= run_end - 2 * hop &&
+                   attack_rise(x, n, rate, at) >= kStruckRise;
+        };
+        int64_t onset = 0;
+        if (from_peak) {
+            onset = place_onset(x, n, rate, ff, best);
+        } else {
+            for (const FluxPeak& p : peaks) {
+                const int64_t at = static_cast<int64_t>(p.frame * ff.hop);
+                if (at <= b + static_cast<int64_t>(ff.length / 2)) continue;
+                if (at > run_end) break;
+                if (struck(p, onset)) {
+                    best = p.frame, from_peak = true;
+                    break;
+                }
             }
         }
-        int64_t onset = place_onset(x, n, rate, ff, best);
+        if (!from_peak) {
+            // Nothing was struck: the backing's leftovers, or the tracker
+            // settling on the note the previous run began, its first
+            // readings still mixed with the tail of the note before: then
+            // the note is the settled one.
+            if (!found.empty()) {
+                Run& prev = runs[found.back().run];
+                if (run.first <= prev.last + 3 && prev.last - prev.first <= 2 &&
+                    run.last - run.first >= prev.last - prev.first) {
+                    prev.last = run.last;
+                    prev.note = run.note;
+                }
+            }
+            continue;
+        }
+        if (run.first == run.last && attack_rise(x, n, rate, onset) < kStruckRise) continue;
         if (onset < previous_onset + min_gap) onset = previous_onset + min_gap;
         found.push_back({onset, r});
         previous_onset = onset;
         // The same note struck again inside the run: a flux peak of at least
-        // a quarter of this note's own onset.
-        const int64_t run_end = static_cast<int64_t>(run.last) * hop;
+        // a quarter of this note's own onset that lifts the sound as a
+        // struck note does. Three windows of the run wholly after it must
+        // still read the note, or the peak is the next note's arrival, read
+        // as this one for up to two frames while the octave guard's median
+        // catches up.
         for (const FluxPeak& p : peaks) {
             if (p.frame <= best || p.value < 0.25 * flux[best]) continue;
             if (static_cast<int64_t>(p.frame * ff.hop) > run_end) break;
-            // Three windows of the run wholly after it must still read the
-            // note, or the peak is the next note's arrival, read as this one
-            // for up to two frames while the octave guard's median catches up.
-            const int64_t at = place_onset(x, n, rate, ff, p.frame);
-            if (at < previous_onset + 2 * min_gap ||
-                at > (static_cast<int64_t>(run.last) - 2) * hop) {
-                continue;
-            }
+            int64_t at = 0;
+            if (!struck(p, at) || at < previous_onset + 2 * min_gap) continue;
             found.push_back({at, r});
             previous_onset = at;
         }
