@@ -197,6 +197,7 @@ for c in "${failure_cases[@]}"; do
   read -r -a args <<< "$(sed -E 's/^.*[^ ] {2,}//' <<< "$rest")"
   run "${args[@]}"
   if [ "$rc" -ne "$want" ] && [ "$emulated" -eq 1 ]; then
+    echo "retrying under Wine (status $rc): ${args[*]}"
     run "${args[@]}"  # Wine itself now and then fails a program it runs
   fi
   if [ "$rc" -eq "$want" ] && [ "$(grep -c '' <<< "$err")" -eq 1 ] && [[ "$err" == "woodshed: $text"* ]]; then
