@@ -246,8 +246,11 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
     // pitched windows (their 90th percentile) is too faint to be played. Not
     // its loudest: a faint leak is read as soon as a note's tail fades, so
     // its first windows still hold that tail. What the cleaning leaves of a
-    // backing is often only 15-25 dB under the player, so no floor tells it
-    // from a soft note: the attack does (below).
+    // backing is often only 15-25 dB under the player, so the median alone
+    // does not tell it from a soft note: the attack does (below), and a run
+    // whose loudest window never comes within 20 dB of the loud ones is
+    // dropped too, since a leftover's own attacks (a chord's, a bass's) are
+    // struck as a note's are.
     // Window powers come from the audio: the readings' own levels are per
     // pushed chunk, which may hold the end of the previous note.
     const FluxFrames ff = flux_frames(rate);
@@ -267,7 +270,7 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         std::erase_if(runs, [&](const Run& run) {
             std::vector<double> own;
             for (size_t k = run.first; k <= run.last; ++k) own.push_back(power(k));
-            return percentile(own, 0.5) < floor_power;
+            return percentile(own, 0.5) < floor_power || *std::max_element(own.begin(), own.end()) < 100.0 * floor_power;
         });
 
         // What the cleaning leaves of a drum hit or a bass note under a held

@@ -114,14 +114,17 @@ TEST(Report, SilenceAndLeftoversOfALeakGiveNoNotes) {
     TakeReportSummary summary{};
     EXPECT_TRUE(report(x, summary).empty());
     EXPECT_EQ(summary.frames, int64_t(x.size()));
-    struct Row { std::vector<Written> leak, played; };
-    const Row rows[] = {{{{1.0, 48, 0}, {1.0, 55, 0}, {1.0, 64, 0}}, {{0.3, 60, 0}}},
-                        {{{0.4, 48, 0}}, {{1.5, 48, 0}}}};
+    // Leftovers faded in 15 dB under the player, or struck 25 dB under it.
+    struct Row { std::vector<Written> leak, played; double gain, fade_s; };
+    const Row rows[] = {{{{1.0, 48, 0}, {1.0, 55, 0}, {1.0, 64, 0}}, {{0.3, 60, 0}}, 0.18, 0.3},
+                        {{{0.4, 48, 0}}, {{1.5, 48, 0}}, 0.18, 0.3},
+                        {{{0.3, 74, 0}}, {{2.4, 60, 0}}, 0.056, 0.0}};
     for (const Row& r : rows) {
         x = melody(r.played, 0.4, 3.0);
         const auto leak = melody(r.leak, 1.8, 3.0);
         for (size_t i = 0; i < x.size(); ++i) {
-            x[i] += float(0.6 * std::clamp(double(i) / kRate - r.leak[0].onset_s, 0.0, 0.3)) * leak[i];
+            const double in = double(i) / kRate - r.leak[0].onset_s;
+            x[i] += float(r.gain * (r.fade_s > 0 ? std::clamp(in / r.fade_s, 0.0, 1.0) : in >= 0)) * leak[i];
         }
         const auto notes = report(x, summary);
         ASSERT_EQ(notes.size(), 1u) << r.played[0].onset_s;
