@@ -274,7 +274,15 @@ double fit_rt60(const std::vector<double>& h, size_t peak, double rate) {
     if (windows < 8) return kDefaultRt60;
     std::vector<double> e(windows, 0.0);
     for (size_t k = 0; k < windows * kWindow; ++k) e[k / kWindow] += h[k] * h[k];
-    const double floor = median(std::vector<double>(e.end() - static_cast<int64_t>(windows / 4), e.end()));
+    const std::vector<double> tail(e.end() - static_cast<int64_t>(windows / 4), e.end());
+    const double floor = median(tail);
+    // How far the estimate's noise scatters a window's level, dB.
+    double scatter = 0.0;
+    for (double v : tail) {
+        const double d = v > 0.0 && floor > 0.0 ? 10.0 * std::log10(v / floor) : 0.0;
+        scatter += d * d;
+    }
+    scatter = std::sqrt(scatter / static_cast<double>(tail.size()));
     double sx = 0, sy = 0, sxx = 0, sxy = 0;
     int n = 0;
     for (size_t w = peak / kWindow + 1; w < windows && e[w] > 4.0 * floor && e[w] > 0.0; ++w) {
@@ -284,8 +292,12 @@ double fit_rt60(const std::vector<double>& h, size_t peak, double rate) {
         ++n;
     }
     if (n < 2) return kDefaultRt60;
-    const double slope = (n * sxy - sx * sy) / (n * sxx - sx * sx);  // dB per second
-    if (!(slope < 0.0)) return kDefaultRt60;
+    const double spread = n * sxx - sx * sx;
+    const double slope = (n * sxy - sx * sy) / spread;  // dB per second
+    // A decay the scatter could have drawn by itself (a short take's noisy
+    // estimate) says nothing of the room.
+    const double slope_sd = scatter * std::sqrt(static_cast<double>(n) / spread);
+    if (!(slope < -2.0 * slope_sd)) return kDefaultRt60;
     return std::clamp(-60.0 / slope, 0.05, 1.5);
 }
 
