@@ -5,6 +5,9 @@
 #include <complex>
 
 #include "takes/fft.hpp"
+#include "tuner/config.hpp"
+#include "tuner/detector.hpp"
+#include "tuner/note_tracker.hpp"
 #include "tuner/offline.hpp"
 
 namespace ws::takes {
@@ -168,6 +171,8 @@ std::vector<FluxPeak> flux_peaks(const std::vector<double>& flux, uint32_t rate,
 // quietest moment just before it; the leftovers of a backing's drums under a
 // held note, and flux from the tracker's own slips, stay far under it.
 constexpr double kStruckRise = 16.0;
+// How clearly the detector must read a note the tracker's guard held back.
+constexpr double kGuardedClarity = 0.9;
 
 double percentile(std::vector<double> v, double p) {
     if (v.empty()) return 0.0;
@@ -333,6 +338,29 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
                                    static_cast<int64_t>(ff.hop));
     };
 
+    // A short note struck over the end of the one before lifts the sound
+    // little, and the tracker's octave guard holds the earlier note for its
+    // first readings: its run is a single reading that comes late. It is a
+    // note when the detector alone, on the window from the onset on, reads
+    // the run's note clearly.
+    const TunerConfig clean_cfg = ws::tuner::sanitise(&cfg);
+    ws::tuner::PitchDetector detector;
+    bool detector_ready = false;
+    const auto hidden_by_guard = [&](const Run& run, int64_t onset) {
+        const int64_t first_inside = (onset + hop - 1) / hop;
+        if (static_cast<int64_t>(run.first) <= first_inside || onset < 0 ||
+            onset + window > static_cast<int64_t>(n)) {
+            return false;
+        }
+        if (!detector_ready) {
+            detector.configure(rate, clean_cfg.lowest_hz, clean_cfg.highest_hz, static_cast<uint64_t>(window));
+            detector_ready = true;
+        }
+        const ws::tuner::PitchEstimate e = detector.detect(x + onset, static_cast<size_t>(window));
+        return e.frequency > 0.0 && e.clarity >= kGuardedClarity &&
+               ws::tuner::note_of(e.frequency, clean_cfg.a4_hz) == run.note;
+    };
+
     struct Found {
         int64_t onset;
         size_t run;
@@ -346,16 +374,21 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         // before that window's end, and at most three hops before its start
         // (an octave leap waits out the octave guard's median). The
         // strongest flux peak there after the previous onset is its onset; a
-        // flux frame ends after the onset, within one frame length.
+        // flux frame ends after the onset, within one frame length. A peak
+        // placed past the window's end is taken only when there is no other:
+        // it is more likely the next note's (a short note read late).
         const int64_t a = std::max(static_cast<int64_t>(run.first) * hop - 3 * hop,
                                    previous_onset + min_gap);
         const int64_t b = static_cast<int64_t>(run.first) * hop + window;
         size_t best = flux_frame_of(a + static_cast<int64_t>(ff.hop));
-        bool from_peak = false;
+        bool from_peak = false, best_inside = false;
         for (const FluxPeak& p : peaks) {
             const int64_t at = static_cast<int64_t>(p.frame * ff.hop);
             if (at <= a || at > b + static_cast<int64_t>(ff.length / 2)) continue;
-            if (!from_peak || p.value > flux[best]) best = p.frame, from_peak = true;
+            const bool inside = at <= b || place_onset(x, n, rate, ff, p.frame) < b;
+            if (from_peak && (best_inside && !inside)) continue;
+            if (from_peak && best_inside == inside && p.value <= flux[best]) continue;
+            best = p.frame, from_peak = true, best_inside = inside;
         }
         // A run without an attack where it begins was begun by something
         // already sounding: what the cleaning left of the backing (its bass
@@ -383,6 +416,20 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
                 }
             }
         }
+        if (!from_peak && run.last - run.first <= 1) {
+            // A short low note after a brighter one adds little flux: its
+            // largest flux in the search span, if the guard held it back.
+            const size_t k0 = flux_frame_of(a) + 1;
+            const size_t k1 = std::min(flux.size() - 1, flux_frame_of(b + static_cast<int64_t>(ff.length / 2)));
+            size_t k = k0;
+            for (size_t j = k0; j <= k1; ++j) {
+                if (flux[j] > flux[k]) k = j;
+            }
+            if (k0 <= k1 && flux[k] > 0.0 && hidden_by_guard(run, place_onset(x, n, rate, ff, k))) {
+                best = k, from_peak = true;
+                onset = place_onset(x, n, rate, ff, k);
+            }
+        }
         if (!from_peak) {
             // Nothing was struck: the backing's leftovers, or the tracker
             // settling on the note the previous run began, its first
@@ -398,7 +445,9 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
             }
             continue;
         }
-        if (run.first == run.last && attack_rise(x, n, rate, onset) < kStruckRise) continue;
+        if (run.first == run.last && attack_rise(x, n, rate, onset) < kStruckRise && !hidden_by_guard(run, onset)) {
+            continue;
+        }
         if (onset < previous_onset + min_gap) onset = previous_onset + min_gap;
         found.push_back({onset, r});
         previous_onset = onset;
