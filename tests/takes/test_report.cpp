@@ -90,20 +90,21 @@ TEST(Report, AMelodyReadsAsWritten) {
 
 // A note struck again after a 25 ms gap, then one slurred into the next:
 // the onset detector alone, and the report's split of one pitch run into
-// two notes.
+// two notes. Then two 60 ms notes, the low one struck over the other's
+// release, where the tracker's guard holds the first through the second.
 TEST(Report, RepeatedAndLegatoNotesAreSeparateOnsets) {
-    const std::vector<Written> twice{{0.3, 57, 0}, {0.75, 57, 0}, {1.2, 62, 0}};
-    auto x = melody({twice[0]}, 0.425, 2.0);
-    const auto slurred = melody({twice[1], twice[2]}, 0.45, 2.0);
-    for (size_t i = 0; i < x.size(); ++i) x[i] += slurred[i];
+    const std::vector<Written> twice{{0.3, 57, 0}, {0.75, 57, 0}, {1.2, 62, 0}, {2.0, 61, 0}, {2.077, 45, 0}};
+    auto x = melody({twice[0]}, 0.425, 2.5);
+    const auto slurred = melody({twice[1], twice[2]}, 0.45, 2.5), quick = melody({twice[3], twice[4]}, 0.06, 2.5);
+    for (size_t i = 0; i < x.size(); ++i) x[i] += slurred[i] + quick[i];
     const auto onsets = ws::takes::detect_onsets(x.data(), x.size(), uint32_t(kRate));
-    ASSERT_EQ(onsets.size(), 3u);
+    ASSERT_GE(onsets.size(), 3u);
     for (size_t i = 0; i < 3; ++i) EXPECT_NEAR(double(onsets[i]) / kRate, twice[i].onset_s, 0.006) << i;
     TakeReportSummary summary{};
     const auto notes = report(x, summary);
-    ASSERT_EQ(notes.size(), 3u);
-    EXPECT_EQ(notes[1].note, 57);
-    EXPECT_NEAR(double(notes[1].onset_frame) / kRate, 0.75, 0.006);
+    ASSERT_EQ(notes.size(), 5u);
+    for (size_t i = 1; i < 5; ++i) EXPECT_EQ(notes[i].note, twice[i].note) << i;
+    for (size_t i = 1; i < 5; ++i) EXPECT_NEAR(double(notes[i].onset_frame) / kRate, twice[i].onset_s, 0.006) << i;
 }
 
 // What a cleaning leaves of a backing sounds without an attack of its own
