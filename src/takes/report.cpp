@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <tuple>
 
 #include "takes/fft.hpp"
 #include "tuner/config.hpp"
@@ -346,19 +347,22 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
     const TunerConfig clean_cfg = ws::tuner::sanitise(&cfg);
     ws::tuner::PitchDetector detector;
     bool detector_ready = false;
-    const auto hidden_by_guard = [&](const Run& run, int64_t onset) {
-        const int64_t first_inside = (onset + hop - 1) / hop;
-        if (static_cast<int64_t>(run.first) <= first_inside || onset < 0 ||
-            onset + window > static_cast<int64_t>(n)) {
-            return false;
-        }
+    // The detector's reading of the window from `at` on, with no tracker.
+    const auto detected = [&](int64_t at) {
+        if (at < 0 || at + window > static_cast<int64_t>(n)) return ws::tuner::PitchEstimate{};
         if (!detector_ready) {
             detector.configure(rate, clean_cfg.lowest_hz, clean_cfg.highest_hz, static_cast<uint64_t>(window));
             detector_ready = true;
         }
-        const ws::tuner::PitchEstimate e = detector.detect(x + onset, static_cast<size_t>(window));
-        return e.frequency > 0.0 && e.clarity >= kGuardedClarity &&
-               ws::tuner::note_of(e.frequency, clean_cfg.a4_hz) == run.note;
+        return detector.detect(x + at, static_cast<size_t>(window));
+    };
+    const auto note_at = [&](const ws::tuner::PitchEstimate& e) {
+        return e.frequency > 0.0 ? ws::tuner::note_of(e.frequency, clean_cfg.a4_hz) : -1;
+    };
+    const auto hidden_by_guard = [&](const Run& run, int64_t onset) {
+        if (static_cast<int64_t>(run.first) <= (onset + hop - 1) / hop) return false;
+        const ws::tuner::PitchEstimate e = detected(onset);
+        return e.clarity >= kGuardedClarity && note_at(e) == run.note;
     };
 
     struct Found {
@@ -380,15 +384,36 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         const int64_t a = std::max(static_cast<int64_t>(run.first) * hop - 3 * hop,
                                    previous_onset + min_gap);
         const int64_t b = static_cast<int64_t>(run.first) * hop + window;
+        // Where there are several, one after which the detector reads the
+        // run's note (or its octave) comes first: two short notes can share
+        // the span.
         size_t best = flux_frame_of(a + static_cast<int64_t>(ff.hop));
-        bool from_peak = false, best_inside = false;
+        bool from_peak = false;
+        struct Candidate {
+            size_t frame;
+            double value;
+            bool inside, reads;
+        };
+        std::vector<Candidate> candidates;
         for (const FluxPeak& p : peaks) {
             const int64_t at = static_cast<int64_t>(p.frame * ff.hop);
             if (at <= a || at > b + static_cast<int64_t>(ff.length / 2)) continue;
             const bool inside = at <= b || place_onset(x, n, rate, ff, p.frame) < b;
-            if (from_peak && (best_inside && !inside)) continue;
-            if (from_peak && best_inside == inside && p.value <= flux[best]) continue;
-            best = p.frame, from_peak = true, best_inside = inside;
+            candidates.push_back({p.frame, p.value, inside, true});
+        }
+        if (candidates.size() > 1) {
+            for (Candidate& c : candidates) {
+                const int d = note_at(detected(place_onset(x, n, rate, ff, c.frame)));
+                c.reads = d == run.note || std::abs(d - run.note) == 12;
+            }
+        }
+        const auto better = [](const Candidate& c, const Candidate& d) {
+            return std::tie(c.reads, c.inside, c.value) > std::tie(d.reads, d.inside, d.value);
+        };
+        if (!candidates.empty()) {
+            best = std::max_element(candidates.begin(), candidates.end(),
+                                    [&](const Candidate& c, const Candidate& d) { return better(d, c); })->frame;
+            from_peak = true;
         }
         // A run without an attack where it begins was begun by something
         // already sounding: what the cleaning left of the backing (its bass
