@@ -161,7 +161,7 @@ int main(int argc, char** argv) {
     const bool leak = std::getenv("NOLEAK") == nullptr;
     const auto dir = std::filesystem::temp_directory_path() / ("woodshed-bench-report-" + std::to_string(std::random_device{}()));
     std::filesystem::create_directories(dir);
-    size_t truth_notes = 0, found_notes = 0, phantoms = 0;
+    size_t truth_notes = 0, found_notes = 0, phantoms = 0, unplayed = 0;
     double matched = 0, onset_ok = 0, held = 0, cents_ok = 0;
     std::vector<double> onset_err, cents_err, reductions;
     for (int m = 0; m < melodies; ++m) {
@@ -191,6 +191,16 @@ int main(int argc, char** argv) {
                         std::printf("phantom melody %d at %.3f s: note %d\n", m, double(n.onset_frame) / kRate, n.note);
                     }
                 }
+            }
+        }
+        for (const auto& n : notes) {
+            const bool near = std::any_of(take.notes.begin(), take.notes.end(), [&](const Truth& t) {
+                return std::llabs(n.onset_frame - t.onset) < int64_t(0.05 * kRate);
+            });
+            if (near) continue;
+            ++unplayed;
+            if (std::getenv("MISS") != nullptr) {
+                std::printf("extra melody %d at %.3f s: note %d\n", m, double(n.onset_frame) / kRate, n.note);
             }
         }
         for (const Truth& t : take.notes) {
@@ -232,7 +242,7 @@ int main(int argc, char** argv) {
     std::printf("onsets within +-5 ms: %.1f %% of found notes\n", 100.0 * onset_ok / std::max(matched, 1.0));
     std::printf("cents within +-3 (notes held >= 150 ms, %.0f): %.1f %%\n", held,
                 100.0 * cents_ok / std::max(held, 1.0));
-    std::printf("phantom notes in rests: %zu\n", phantoms);
+    std::printf("phantom notes in rests: %zu; reported notes 50 ms or more from any played: %zu\n", phantoms, unplayed);
     if (argc > 4) {
         for (double e : onset_err) std::printf("%.1f ", e);
         std::printf("\n");

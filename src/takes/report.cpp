@@ -263,6 +263,36 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
     const auto flux = spectral_flux(x, n, ff);
     const auto peaks = flux_peaks(flux, rate, ff);
     const int64_t hop = static_cast<int64_t>(framing.hop), window = static_cast<int64_t>(framing.window);
+    const auto flux_frame_of = [&](int64_t frame) {
+        return static_cast<size_t>(std::clamp<int64_t>(frame, 0, static_cast<int64_t>(n)) /
+                                   static_cast<int64_t>(ff.hop));
+    };
+    // A short note struck over the end of the one before lifts the sound
+    // little, and the tracker's octave guard holds the earlier note for its
+    // first readings: its run is a single reading that comes late. It is a
+    // note when the detector alone, on the window from the onset on, reads
+    // the run's note clearly.
+    const TunerConfig clean_cfg = ws::tuner::sanitise(&cfg);
+    ws::tuner::PitchDetector detector;
+    bool detector_ready = false;
+    // The detector's reading of the window from `at` on, with no tracker.
+    const auto detected = [&](int64_t at) {
+        if (at < 0 || at + window > static_cast<int64_t>(n)) return ws::tuner::PitchEstimate{};
+        if (!detector_ready) {
+            detector.configure(rate, clean_cfg.lowest_hz, clean_cfg.highest_hz, static_cast<uint64_t>(window));
+            detector_ready = true;
+        }
+        return detector.detect(x + at, static_cast<size_t>(window));
+    };
+    const auto note_at = [&](const ws::tuner::PitchEstimate& e) {
+        return e.frequency > 0.0 ? ws::tuner::note_of(e.frequency, clean_cfg.a4_hz) : -1;
+    };
+    const auto hidden_by_guard = [&](const Run& run, int64_t onset) {
+        if (static_cast<int64_t>(run.first) <= (onset + hop - 1) / hop) return false;
+        const ws::tuner::PitchEstimate e = detected(onset);
+        return e.clarity >= kGuardedClarity && note_at(e) == run.note;
+    };
+
     {
         const size_t h = static_cast<size_t>(framing.hop);
         std::vector<double> block(n / h + 2, 0.0);
@@ -311,7 +341,18 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
                     }
                     return false;
                 };
-                const bool slip = (apart == 12 || apart == 24) && rise < 2.0 && !struck_near();
+                // A short note an octave from the one before, struck over its
+                // release and held back by the guard, is a note.
+                const auto guarded_note = [&] {
+                    if (run.last - run.first > 1) return false;
+                    const size_t k0 = flux_frame_of(static_cast<int64_t>(run.first) * hop - 3 * hop) + 1;
+                    const size_t k1 = std::min(flux.size() - 1, flux_frame_of(static_cast<int64_t>(run.first) * hop + window +
+                                                                              static_cast<int64_t>(ff.length / 2)));
+                    size_t k = k0;
+                    for (size_t j = k0; j <= k1; ++j) k = flux[j] > flux[k] ? j : k;
+                    return k0 <= k1 && hidden_by_guard(run, place_onset(x, n, rate, ff, k));
+                };
+                const bool slip = (apart == 12 || apart == 24) && rise < 2.0 && !struck_near() && !guarded_note();
                 if (adjacent && (apart == 0 || slip)) {
                     prev.last = std::max(prev.last, run.last);
                     // The note is the octave most of its readings hold.
@@ -334,36 +375,6 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         runs = std::move(joined);
     }
 
-    const auto flux_frame_of = [&](int64_t frame) {
-        return static_cast<size_t>(std::clamp<int64_t>(frame, 0, static_cast<int64_t>(n)) /
-                                   static_cast<int64_t>(ff.hop));
-    };
-
-    // A short note struck over the end of the one before lifts the sound
-    // little, and the tracker's octave guard holds the earlier note for its
-    // first readings: its run is a single reading that comes late. It is a
-    // note when the detector alone, on the window from the onset on, reads
-    // the run's note clearly.
-    const TunerConfig clean_cfg = ws::tuner::sanitise(&cfg);
-    ws::tuner::PitchDetector detector;
-    bool detector_ready = false;
-    // The detector's reading of the window from `at` on, with no tracker.
-    const auto detected = [&](int64_t at) {
-        if (at < 0 || at + window > static_cast<int64_t>(n)) return ws::tuner::PitchEstimate{};
-        if (!detector_ready) {
-            detector.configure(rate, clean_cfg.lowest_hz, clean_cfg.highest_hz, static_cast<uint64_t>(window));
-            detector_ready = true;
-        }
-        return detector.detect(x + at, static_cast<size_t>(window));
-    };
-    const auto note_at = [&](const ws::tuner::PitchEstimate& e) {
-        return e.frequency > 0.0 ? ws::tuner::note_of(e.frequency, clean_cfg.a4_hz) : -1;
-    };
-    const auto hidden_by_guard = [&](const Run& run, int64_t onset) {
-        if (static_cast<int64_t>(run.first) <= (onset + hop - 1) / hop) return false;
-        const ws::tuner::PitchEstimate e = detected(onset);
-        return e.clarity >= kGuardedClarity && note_at(e) == run.note;
-    };
 
     struct Found {
         int64_t onset;
@@ -385,26 +396,27 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
                                    previous_onset + min_gap);
         const int64_t b = static_cast<int64_t>(run.first) * hop + window;
         // Where there are several, one after which the detector reads the
-        // run's note (or its octave) comes first: two short notes can share
-        // the span.
+        // run's note comes first, then one where it reads its octave: two
+        // short notes can share the span.
         size_t best = flux_frame_of(a + static_cast<int64_t>(ff.hop));
         bool from_peak = false;
         struct Candidate {
             size_t frame;
             double value;
-            bool inside, reads;
+            bool inside;
+            int reads;  // 2 the run's note, 1 its octave, 0 neither
         };
         std::vector<Candidate> candidates;
         for (const FluxPeak& p : peaks) {
             const int64_t at = static_cast<int64_t>(p.frame * ff.hop);
             if (at <= a || at > b + static_cast<int64_t>(ff.length / 2)) continue;
             const bool inside = at <= b || place_onset(x, n, rate, ff, p.frame) < b;
-            candidates.push_back({p.frame, p.value, inside, true});
+            candidates.push_back({p.frame, p.value, inside, 2});
         }
         if (candidates.size() > 1) {
             for (Candidate& c : candidates) {
                 const int d = note_at(detected(place_onset(x, n, rate, ff, c.frame)));
-                c.reads = d == run.note || std::abs(d - run.note) == 12;
+                c.reads = d == run.note ? 2 : std::abs(d - run.note) == 12 ? 1 : 0;
             }
         }
         const auto better = [](const Candidate& c, const Candidate& d) {
