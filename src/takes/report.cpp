@@ -303,10 +303,14 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
             if (pitch_of(track[k]).note >= 0) pitched.push_back(power(k));
         }
         const double floor_power = 1e-4 * percentile(pitched, 0.9);
+        // A run's last two windows may already hold the next note, read as
+        // this one while the guard waits: they do not count for its loudest.
         std::erase_if(runs, [&](const Run& run) {
             std::vector<double> own;
             for (size_t k = run.first; k <= run.last; ++k) own.push_back(power(k));
-            return percentile(own, 0.5) < floor_power || *std::max_element(own.begin(), own.end()) < 100.0 * floor_power;
+            const size_t own_end = run.last - run.first > 2 ? own.size() - 2 : 1;
+            return percentile(own, 0.5) < floor_power ||
+                   *std::max_element(own.begin(), own.begin() + static_cast<int64_t>(own_end)) < 100.0 * floor_power;
         });
 
         // What the cleaning leaves of a drum hit or a bass note under a held
