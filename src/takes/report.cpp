@@ -203,7 +203,21 @@ Pitch pitch_of(const TunerReading& r) {
 struct Run {
     size_t first, last;  // readings
     int note;
+    int octaves_up = 0;  // the note lies this many octaves over what its readings say
 };
+
+// Power of x[0..n) at `hz` through a Hann window (Goertzel).
+double power_at(const float* x, size_t n, double hz, double rate) {
+    const double w = 2.0 * 3.141592653589793 * hz / rate, c = 2.0 * std::cos(w);
+    double s1 = 0.0, s2 = 0.0;
+    for (size_t i = 0; i < n; ++i) {
+        const double hann = 0.5 - 0.5 * std::cos(2.0 * 3.141592653589793 * static_cast<double>(i) / static_cast<double>(n));
+        const double s0 = hann * x[i] + c * s1 - s2;
+        s2 = s1;
+        s1 = s0;
+    }
+    return s1 * s1 + s2 * s2 - c * s1 * s2;
+}
 
 }  // namespace
 
@@ -380,6 +394,23 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
     }
 
 
+
+    // What the cleaning leaves of a bass can give a note's period the odd
+    // harmonics of the octave below, and the detector then reads that lower
+    // note. A note played there has its fundamental in the window from its
+    // onset; one read there by mistake has next to nothing at it (20 dB
+    // under the octave above).
+    const auto octave_above = [&](const Run& run, int64_t onset) {
+        std::vector<double> hz;
+        for (size_t k = run.first; k <= run.last; ++k) {
+            if (pitch_of(track[k]).note == run.note) hz.push_back(track[k].frequency_hz);
+        }
+        const double f = percentile(hz, 0.5);
+        if (!(f > 0.0) || 2.0 * f > 0.45 * rate || onset < 0 || onset + window > static_cast<int64_t>(n)) return false;
+        const size_t m = static_cast<size_t>(window);
+        return power_at(x + onset, m, f, rate) < 0.01 * power_at(x + onset, m, 2.0 * f, rate);
+    };
+
     struct Found {
         int64_t onset;
         size_t run;
@@ -490,6 +521,10 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
             continue;
         }
         if (onset < previous_onset + min_gap) onset = previous_onset + min_gap;
+        if (run.octaves_up == 0 && octave_above(run, onset)) {
+            runs[r].note += 12;
+            runs[r].octaves_up = 1;
+        }
         found.push_back({onset, r});
         previous_onset = onset;
         // The same note struck again inside the run: a flux peak of at least
@@ -541,9 +576,9 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
                 const int64_t w0 = static_cast<int64_t>(k) * hop;
                 if (pass == 0 && (w0 < note.onset_frame || w0 + window > end)) continue;
                 const Pitch p = pitch_of(track[k]);
-                if (p.note != run.note) continue;
+                if (p.note + 12 * run.octaves_up != run.note) continue;
                 cents.push_back(p.cents);
-                hz.push_back(track[k].frequency_hz);
+                hz.push_back(std::ldexp(track[k].frequency_hz, run.octaves_up));
             }
         }
         note.cents = percentile(cents, 0.5);
