@@ -306,7 +306,11 @@ double fit_rt60(const std::vector<double>& h, size_t peak, double rate) {
 constexpr size_t kRestBlock = 4096;     // take frames per rest decision
 constexpr double kSpecFloor = 1e-3;     // spectral floor of the preconditioner, of the mean
 constexpr double kRestRatio = 0.3;      // a rest: residual this far under the predicted leak
-constexpr int kRestIterations = 10;     // preconditioned steps from pass 2's filter
+constexpr double kRefitRestRatio = 0.05;  // the same through the rests' own filter
+constexpr int kRestIterations = 10;     // preconditioned steps from pass 2's filter, a minute or more of take
+constexpr int kMaxRestIterations = 40;  // the most a short take gets
+constexpr int kRoundIterations = 20;    // steps a round needs before the rests are chosen again
+constexpr double kRestBudgetSeconds = 60.0;  // shorter takes get more steps for the same work
 
 // One stretch's estimation range, read through its own alignment.
 struct RestPiece {
@@ -327,12 +331,14 @@ struct RestSegment {
 // normal matrix A^T W A is not Toeplitz (the rests are a few thousand frames
 // each), so it is applied as it stands, by convolution and correlation over
 // the rest frames only; conjugate gradients start from `h` and are
-// preconditioned by the rests' reference spectrum. `h` comes back unchanged when the take
-// has too few rests to support the filter.
+// preconditioned by the rests' reference spectrum and take `steps` steps.
+// A rest is a block whose residual through `h` is under `ratio` of its
+// predicted leak. `h` comes back unchanged when the take has too few rests
+// to support the filter.
 std::vector<double> fit_on_rests(const std::vector<RestPiece>& pieces, const float* b, size_t nb,
                                  const std::vector<double>& h, const std::vector<double>& sd,
                                  double sd_sum, const std::function<bool(int64_t)>& usable,
-                                 const FftTable& big) {
+                                 double ratio, int steps, const FftTable& big) {
     const size_t taps = h.size();
     // Rests: blocks whose residual through `h` lies well under its predicted leak.
     const size_t blocks = nb / kRestBlock + 1;
@@ -349,7 +355,7 @@ std::vector<double> fit_on_rests(const std::vector<RestPiece>& pieces, const flo
     }
     std::vector<char> rest(blocks, 0);
     for (size_t i = 0; i < blocks; ++i) {
-        rest[i] = by[i] > 0.0 && be[i] < kRestRatio * by[i] && usable(static_cast<int64_t>(i * kRestBlock));
+        rest[i] = by[i] > 0.0 && be[i] < ratio * by[i] && usable(static_cast<int64_t>(i * kRestBlock));
     }
 
     const size_t n = std::max<size_t>(65536, next_pow2(2 * taps));
@@ -393,8 +399,14 @@ std::vector<double> fit_on_rests(const std::vector<RestPiece>& pieces, const flo
             segs.push_back(std::move(sg));
         }
     }
-    if (frames < 4.0 * static_cast<double>(taps) || !(leak_e > 0.0) || !(ref_e > 0.0)) return h;
+    if (!(frames > 0.0) || !(leak_e > 0.0) || !(ref_e > 0.0)) return h;
     const double mu = (res_e / frames) * ref_e * sd_sum / leak_e;
+    // The rests must outnumber fourfold the taps the data decides (phi
+    // below summed): the prior holds the rest, so counting every tap would
+    // turn away a 6 s take whose rests are plenty for the room.
+    double free_taps = 0.0;
+    for (size_t k = 0; k < taps; ++k) free_taps += sd[k] * sd[k] * ref_e / (sd[k] * sd[k] * ref_e + mu);
+    if (frames < 4.0 * free_taps) return h;
 
     const auto bin = [n](const RestSegment& sg, size_t f) {
         return f < sg.half.size() ? sg.half[f] : std::conj(sg.half[n - f]);
@@ -499,7 +511,7 @@ std::vector<double> fit_on_rests(const std::vector<RestPiece>& pieces, const flo
     precondition(r, zz);
     p = zz;
     double rz = dot(r, zz);
-    for (int it = 0; it < kRestIterations && rz > 0.0; ++it) {
+    for (int it = 0; it < steps && rz > 0.0; ++it) {
         op(p, q);
         const double pq = dot(p, q);
         if (!(pq > 0.0)) break;
@@ -856,8 +868,25 @@ bool clean_take(const float* a, size_t na, std::vector<float>& b, int64_t lag, d
             const int64_t s1 = std::min(ranges[j].second, al.stretches[j].end);
             if (s1 > s0) pieces.push_back(RestPiece{reader(al.stretches[j]), s0, s1});
         }
-        h = fit_on_rests(pieces, b.data(), nb, h, sd, sd_sum,
-                         [&](int64_t t) { return !(partial && held_out(t)); }, big);
+        // A step costs in proportion to the take. A short take starts
+        // further off (pass 2 has less of it to average the player away)
+        // and gets the steps a minute's work buys, up to a limit.
+        const int steps = static_cast<int>(std::clamp(
+            std::lround(kRestIterations * kRestBudgetSeconds * rate / static_cast<double>(nb)),
+            static_cast<long>(kRestIterations), static_cast<long>(kMaxRestIterations)));
+        const auto usable = [&](int64_t t) { return !(partial && held_out(t)); };
+        // With steps for two full rounds, the rests are chosen again
+        // through the first round's filter, more strictly: in the true
+        // rests it leaves almost nothing (pass 2's left up to the ratio),
+        // so the player's quiet passages, which the first round fitted as
+        // leak, drop out. A round cut short does worse than the same steps
+        // in one (conjugate gradients start over).
+        if (steps >= 2 * kRoundIterations) {
+            h = fit_on_rests(pieces, b.data(), nb, h, sd, sd_sum, usable, kRestRatio, kRoundIterations, big);
+            h = fit_on_rests(pieces, b.data(), nb, h, sd, sd_sum, usable, kRefitRestRatio, steps - kRoundIterations, big);
+        } else {
+            h = fit_on_rests(pieces, b.data(), nb, h, sd, sd_sum, usable, kRestRatio, steps, big);
+        }
     }
 
     double before = 0.0, after = 0.0;
