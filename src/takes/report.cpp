@@ -284,7 +284,7 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
     // A short note struck over the end of the one before lifts the sound
     // little, and the tracker's octave guard holds the earlier note for its
     // first readings: its run is a single reading that comes late. It is a
-    // note when the detector alone, on the window from the onset on, reads
+    // note when the detector alone, on a window from the onset on, reads
     // the run's note clearly.
     const TunerConfig clean_cfg = ws::tuner::sanitise(&cfg);
     ws::tuner::PitchDetector detector;
@@ -303,10 +303,15 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
     };
     const auto hidden_by_guard = [&](const Run& run, int64_t onset) {
         if (static_cast<int64_t>(run.first) <= (onset + hop - 1) / hop) return false;
-        const ws::tuner::PitchEstimate e = detected(onset);
-        return e.clarity >= kGuardedClarity && note_at(e) == run.note;
+        // The earlier note's release may still fill the first window.
+        for (const int64_t later : {int64_t{0}, hop / 2, hop}) {
+            const ws::tuner::PitchEstimate e = detected(onset + later);
+            if (e.clarity >= kGuardedClarity && note_at(e) == run.note) return true;
+        }
+        return false;
     };
 
+    double floor_power = 0.0;
     {
         const size_t h = static_cast<size_t>(framing.hop);
         std::vector<double> block(n / h + 2, 0.0);
@@ -316,7 +321,7 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         for (size_t k = 0; k < track.size(); ++k) {
             if (pitch_of(track[k]).note >= 0) pitched.push_back(power(k));
         }
-        const double floor_power = 1e-4 * percentile(pitched, 0.9);
+        floor_power = 1e-4 * percentile(pitched, 0.9);
         // A run's last two windows may already hold the next note, read as
         // this one while the guard waits: they do not count for its loudest.
         std::erase_if(runs, [&](const Run& run) {
@@ -541,6 +546,37 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
             found.push_back({at, r});
             previous_onset = at;
         }
+    }
+
+    // A short note struck over the release of the one before, whose
+    // readings the guard held back until it had all but faded, leaves a run
+    // too faint to keep. A flux peak that no note claims is that note where
+    // the window from it holds a played note's power, the detector alone
+    // reads it clearly, and the tracker reads that note within three hops
+    // but not at once.
+    const size_t kept = found.size();
+    for (const FluxPeak& p : peaks) {
+        const int64_t t = place_onset(x, n, rate, ff, p.frame);
+        const auto k0 = static_cast<size_t>((t + hop - 1) / hop);
+        if (t + window > static_cast<int64_t>(n) || k0 + 1 >= track.size() ||
+            std::any_of(found.begin(), found.end(), [&](const Found& f) { return std::llabs(f.onset - t) < min_gap; })) {
+            continue;
+        }
+        double e = 0.0;
+        for (int64_t j = t; j < t + window; ++j) e += static_cast<double>(x[j]) * x[j];
+        if (e < 100.0 * floor_power) continue;
+        const ws::tuner::PitchEstimate est = detected(t);
+        const int note = note_at(est);
+        if (est.clarity < kGuardedClarity || note < 0 || pitch_of(track[k0]).note == note) continue;
+        for (size_t k = k0 + 1; k <= k0 + 3 && k < track.size(); ++k) {
+            if (pitch_of(track[k]).note != note) continue;
+            runs.push_back({k, k, note});
+            found.push_back({t, runs.size() - 1});
+            break;
+        }
+    }
+    if (found.size() > kept) {
+        std::sort(found.begin(), found.end(), [](const Found& a, const Found& b) { return a.onset < b.onset; });
     }
 
     const double step_frames = 60.0 * rate / (grid.tempo_bpm * grid.subdivision);
