@@ -172,6 +172,8 @@ std::vector<FluxPeak> flux_peaks(const std::vector<double>& flux, uint32_t rate,
 // quietest moment just before it; the leftovers of a backing's drums under a
 // held note, and flux from the tracker's own slips, stay far under it.
 constexpr double kStruckRise = 16.0;
+// The same note struck again over its own release: 6 dB.
+constexpr double kRestruckRise = 4.0;
 // How clearly the detector must read a note the tracker's guard held back.
 constexpr double kGuardedClarity = 0.9;
 
@@ -474,10 +476,9 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         // that lifts the sound as a struck note does, and that three windows
         // of the run wholly after it still read.
         const int64_t run_end = static_cast<int64_t>(run.last) * hop;
-        const auto struck = [&](const FluxPeak& p, int64_t& at) {
+        const auto struck = [&](const FluxPeak& p, int64_t& at, double rise = kStruckRise) {
             at = place_onset(x, n, rate, ff, p.frame);
-            return at >= previous_onset + min_gap && at <= run_end - 2 * hop &&
-                   attack_rise(x, n, rate, at) >= kStruckRise;
+            return at >= previous_onset + min_gap && at <= run_end - 2 * hop && attack_rise(x, n, rate, at) >= rise;
         };
         int64_t onset = 0;
         if (from_peak) {
@@ -533,16 +534,18 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         found.push_back({onset, r});
         previous_onset = onset;
         // The same note struck again inside the run: a flux peak of at least
-        // a quarter of this note's own onset that lifts the sound as a
-        // struck note does. Three windows of the run wholly after it must
-        // still read the note, or the peak is the next note's arrival, read
-        // as this one for up to two frames while the octave guard's median
-        // catches up.
+        // a quarter of this note's own onset that lifts the sound by
+        // kRestruckRise. Struck over its own release, a short note rises
+        // less than one struck after a gap, but the leftovers of a drum under
+        // a held note barely lift it at all. Three windows of the run wholly
+        // after it must still read the note, or the peak is the next note's
+        // arrival, read as this one for up to two frames while the octave
+        // guard's median catches up.
         for (const FluxPeak& p : peaks) {
             if (p.frame <= best || p.value < 0.25 * flux[best]) continue;
             if (static_cast<int64_t>(p.frame * ff.hop) > run_end) break;
             int64_t at = 0;
-            if (!struck(p, at) || at < previous_onset + 2 * min_gap) continue;
+            if (!struck(p, at, kRestruckRise)) continue;
             found.push_back({at, r});
             previous_onset = at;
         }

@@ -91,13 +91,13 @@ TEST(Report, AMelodyReadsAsWritten) {
 // A note struck again after a 25 ms gap, then one slurred into the next:
 // the onset detector alone, and the report's split of one pitch run into
 // two notes. Then 60 ms notes, each struck over the release of the one
-// before (the last an octave up), where the tracker's guard holds the earlier.
+// before (an octave up, a restrike), where the tracker's guard holds the earlier.
 TEST(Report, RepeatedAndLegatoNotesAreSeparateOnsets) {
     const std::vector<Written> twice{{0.3, 57, 0}, {0.75, 57, 0}, {1.2, 62, 0}, {2.0, 61, 0}, {2.09, 45, 0}, {2.18, 57, 0},
-                                     {2.5, 72, 0}, {2.563, 69, 0}};
-    auto x = melody({twice[0]}, 0.425, 3.0);
-    const auto slurred = melody({twice[1], twice[2]}, 0.45, 3.0),
-               quick = melody({twice.begin() + 3, twice.end()}, 0.06, 3.0);
+                                     {2.5, 72, 0}, {2.563, 69, 0}, {2.8, 64, 0}, {2.882, 64, 0}};
+    auto x = melody({twice[0]}, 0.425, 3.2);
+    const auto slurred = melody({twice[1], twice[2]}, 0.45, 3.2),
+               quick = melody({twice.begin() + 3, twice.end()}, 0.06, 3.2);
     for (size_t i = 0; i < x.size(); ++i) x[i] += slurred[i] + quick[i];
     const auto onsets = ws::takes::detect_onsets(x.data(), x.size(), uint32_t(kRate));
     ASSERT_GE(onsets.size(), 3u);
