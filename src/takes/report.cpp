@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <optional>
 #include <tuple>
 
 #include "takes/fft.hpp"
@@ -312,6 +313,20 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         }
         return false;
     };
+    // A short run of one or two readings whose note the guard held back:
+    // the flux frame of its largest flux after input frame `from`, to where
+    // its first window's onset can lie, when the detector confirms the note
+    // there (a short low note after a brighter one adds little flux).
+    const auto guarded_onset = [&](const Run& run, int64_t from) -> std::optional<size_t> {
+        if (run.last - run.first > 1) return std::nullopt;
+        const size_t k0 = flux_frame_of(from) + 1;
+        const size_t k1 = std::min(flux.size() - 1, flux_frame_of(static_cast<int64_t>(run.first) * hop + window +
+                                                                  static_cast<int64_t>(ff.length / 2)));
+        size_t k = k0;
+        for (size_t j = k0; j <= k1; ++j) k = flux[j] > flux[k] ? j : k;
+        if (k0 > k1 || !(flux[k] > 0.0) || !hidden_by_guard(run, place_onset(x, n, rate, ff, k))) return std::nullopt;
+        return k;
+    };
 
     double floor_power = 0.0;
     {
@@ -368,16 +383,8 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
                 };
                 // A short note an octave from the one before, struck over its
                 // release and held back by the guard, is a note.
-                const auto guarded_note = [&] {
-                    if (run.last - run.first > 1) return false;
-                    const size_t k0 = flux_frame_of(static_cast<int64_t>(run.first) * hop - 3 * hop) + 1;
-                    const size_t k1 = std::min(flux.size() - 1, flux_frame_of(static_cast<int64_t>(run.first) * hop + window +
-                                                                              static_cast<int64_t>(ff.length / 2)));
-                    size_t k = k0;
-                    for (size_t j = k0; j <= k1; ++j) k = flux[j] > flux[k] ? j : k;
-                    return k0 <= k1 && hidden_by_guard(run, place_onset(x, n, rate, ff, k));
-                };
-                const bool slip = (apart == 12 || apart == 24) && rise < 2.0 && !struck_near() && !guarded_note();
+                const bool slip = (apart == 12 || apart == 24) && rise < 2.0 && !struck_near() &&
+                                  !guarded_onset(run, static_cast<int64_t>(run.first) * hop - 3 * hop);
                 if (adjacent && (apart == 0 || slip)) {
                     prev.last = std::max(prev.last, run.last);
                     // The note is the octave most of its readings hold.
@@ -494,18 +501,10 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
                 }
             }
         }
-        if (!from_peak && run.last - run.first <= 1) {
-            // A short low note after a brighter one adds little flux: its
-            // largest flux in the search span, if the guard held it back.
-            const size_t k0 = flux_frame_of(a) + 1;
-            const size_t k1 = std::min(flux.size() - 1, flux_frame_of(b + static_cast<int64_t>(ff.length / 2)));
-            size_t k = k0;
-            for (size_t j = k0; j <= k1; ++j) {
-                if (flux[j] > flux[k]) k = j;
-            }
-            if (k0 <= k1 && flux[k] > 0.0 && hidden_by_guard(run, place_onset(x, n, rate, ff, k))) {
-                best = k, from_peak = true;
-                onset = place_onset(x, n, rate, ff, k);
+        if (!from_peak) {
+            if (const auto k = guarded_onset(run, a)) {
+                best = *k, from_peak = true;
+                onset = place_onset(x, n, rate, ff, best);
             }
         }
         if (!from_peak) {
