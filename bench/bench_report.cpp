@@ -242,7 +242,8 @@ int main(int argc, char** argv) {
     std::printf("onsets within +-5 ms: %.1f %% of found notes\n", 100.0 * onset_ok / std::max(matched, 1.0));
     std::printf("cents within +-3 (notes held >= 150 ms, %.0f): %.1f %%\n", held,
                 100.0 * cents_ok / std::max(held, 1.0));
-    std::printf("phantom notes in rests: %zu; reported notes 50 ms or more from any played: %zu\n", phantoms, unplayed);
+    std::printf("phantom notes in rests: %zu; reported notes 50 ms or more from any played: %zu\n", phantoms,
+                unplayed);
     if (argc > 4) {
         for (double e : onset_err) std::printf("%.1f ", e);
         std::printf("\n");

@@ -336,9 +336,9 @@ struct RestSegment {
 // predicted leak. `h` comes back unchanged when the take has too few rests
 // to support the filter.
 std::vector<double> fit_on_rests(const std::vector<RestPiece>& pieces, const float* b, size_t nb,
-                                 const std::vector<double>& h, const std::vector<double>& sd,
-                                 double sd_sum, const std::function<bool(int64_t)>& usable,
-                                 double ratio, int steps, const FftTable& big) {
+                                 const std::vector<double>& h, const std::vector<double>& sd, double sd_sum,
+                                 const std::function<bool(int64_t)>& usable, double ratio, int steps,
+                                 const FftTable& big) {
     const size_t taps = h.size();
     // Rests: blocks whose residual through `h` lies well under its predicted leak.
     const size_t blocks = nb / kRestBlock + 1;
@@ -871,9 +871,9 @@ bool clean_take(const float* a, size_t na, std::vector<float>& b, int64_t lag, d
         // A step costs in proportion to the take. A short take starts
         // further off (pass 2 has less of it to average the player away)
         // and gets the steps a minute's work buys, up to a limit.
-        const int steps = static_cast<int>(std::clamp(
-            std::lround(kRestIterations * kRestBudgetSeconds * rate / static_cast<double>(nb)),
-            static_cast<long>(kRestIterations), static_cast<long>(kMaxRestIterations)));
+        const int steps = static_cast<int>(
+            std::clamp(std::lround(kRestIterations * kRestBudgetSeconds * rate / static_cast<double>(nb)),
+                       static_cast<long>(kRestIterations), static_cast<long>(kMaxRestIterations)));
         const auto usable = [&](int64_t t) { return !(partial && held_out(t)); };
         // With steps for two full rounds, the rests are chosen again
         // through the first round's filter, more strictly: in the true
@@ -883,7 +883,8 @@ bool clean_take(const float* a, size_t na, std::vector<float>& b, int64_t lag, d
         // in one (conjugate gradients start over).
         if (steps >= 2 * kRoundIterations) {
             h = fit_on_rests(pieces, b.data(), nb, h, sd, sd_sum, usable, kRestRatio, kRoundIterations, big);
-            h = fit_on_rests(pieces, b.data(), nb, h, sd, sd_sum, usable, kRefitRestRatio, steps - kRoundIterations, big);
+            h = fit_on_rests(pieces, b.data(), nb, h, sd, sd_sum, usable, kRefitRestRatio,
+                             steps - kRoundIterations, big);
         } else {
             h = fit_on_rests(pieces, b.data(), nb, h, sd, sd_sum, usable, kRestRatio, steps, big);
         }

@@ -214,7 +214,8 @@ double power_at(const float* x, size_t n, double hz, double rate) {
     const double w = 2.0 * 3.141592653589793 * hz / rate, c = 2.0 * std::cos(w);
     double s1 = 0.0, s2 = 0.0;
     for (size_t i = 0; i < n; ++i) {
-        const double hann = 0.5 - 0.5 * std::cos(2.0 * 3.141592653589793 * static_cast<double>(i) / static_cast<double>(n));
+        const double hann =
+            0.5 - 0.5 * std::cos(2.0 * 3.141592653589793 * static_cast<double>(i) / static_cast<double>(n));
         const double s0 = hann * x[i] + c * s1 - s2;
         s2 = s1;
         s1 = s0;
@@ -296,7 +297,8 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
     const auto detected = [&](int64_t at) {
         if (at < 0 || at + window > static_cast<int64_t>(n)) return ws::tuner::PitchEstimate{};
         if (!detector_ready) {
-            detector.configure(rate, clean_cfg.lowest_hz, clean_cfg.highest_hz, static_cast<uint64_t>(window));
+            detector.configure(rate, clean_cfg.lowest_hz, clean_cfg.highest_hz,
+                               static_cast<uint64_t>(window));
             detector_ready = true;
         }
         return detector.detect(x + at, static_cast<size_t>(window));
@@ -320,11 +322,13 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
     const auto guarded_onset = [&](const Run& run, int64_t from) -> std::optional<size_t> {
         if (run.last - run.first > 1) return std::nullopt;
         const size_t k0 = flux_frame_of(from) + 1;
-        const size_t k1 = std::min(flux.size() - 1, flux_frame_of(static_cast<int64_t>(run.first) * hop + window +
-                                                                  static_cast<int64_t>(ff.length / 2)));
+        const size_t k1 =
+            std::min(flux.size() - 1, flux_frame_of(static_cast<int64_t>(run.first) * hop + window +
+                                                    static_cast<int64_t>(ff.length / 2)));
         size_t k = k0;
         for (size_t j = k0; j <= k1; ++j) k = flux[j] > flux[k] ? j : k;
-        if (k0 > k1 || !(flux[k] > 0.0) || !hidden_by_guard(run, place_onset(x, n, rate, ff, k))) return std::nullopt;
+        if (k0 > k1 || !(flux[k] > 0.0) || !hidden_by_guard(run, place_onset(x, n, rate, ff, k)))
+            return std::nullopt;
         return k;
     };
 
@@ -346,7 +350,8 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
             for (size_t k = run.first; k <= run.last; ++k) own.push_back(power(k));
             const size_t own_end = run.last - run.first > 2 ? own.size() - 2 : 1;
             return percentile(own, 0.5) < floor_power ||
-                   *std::max_element(own.begin(), own.begin() + static_cast<int64_t>(own_end)) < 100.0 * floor_power;
+                   *std::max_element(own.begin(), own.begin() + static_cast<int64_t>(own_end)) <
+                       100.0 * floor_power;
         });
 
         // What the cleaning leaves of a drum hit or a bass note under a held
@@ -407,8 +412,6 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         runs = std::move(joined);
     }
 
-
-
     // What the cleaning leaves of a bass can give a note's period the odd
     // harmonics of the octave below, and the detector then reads that lower
     // note. A note played there has its fundamental in the window from its
@@ -420,7 +423,8 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
             if (pitch_of(track[k]).note == run.note) hz.push_back(track[k].frequency_hz);
         }
         const double f = percentile(hz, 0.5);
-        if (!(f > 0.0) || 2.0 * f > 0.45 * rate || onset < 0 || onset + window > static_cast<int64_t>(n)) return false;
+        if (!(f > 0.0) || 2.0 * f > 0.45 * rate || onset < 0 || onset + window > static_cast<int64_t>(n))
+            return false;
         const size_t m = static_cast<size_t>(window);
         return power_at(x + onset, m, f, rate) < 0.01 * power_at(x + onset, m, 2.0 * f, rate);
     };
@@ -473,7 +477,8 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         };
         if (!candidates.empty()) {
             best = std::max_element(candidates.begin(), candidates.end(),
-                                    [&](const Candidate& c, const Candidate& d) { return better(d, c); })->frame;
+                                    [&](const Candidate& c, const Candidate& d) { return better(d, c); })
+                       ->frame;
             from_peak = true;
         }
         // A run without an attack where it begins was begun by something
@@ -485,7 +490,8 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         const int64_t run_end = static_cast<int64_t>(run.last) * hop;
         const auto struck = [&](const FluxPeak& p, int64_t& at, double rise = kStruckRise) {
             at = place_onset(x, n, rate, ff, p.frame);
-            return at >= previous_onset + min_gap && at <= run_end - 2 * hop && attack_rise(x, n, rate, at) >= rise;
+            return at >= previous_onset + min_gap && at <= run_end - 2 * hop &&
+                   attack_rise(x, n, rate, at) >= rise;
         };
         int64_t onset = 0;
         if (from_peak) {
@@ -522,7 +528,8 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
             }
             continue;
         }
-        if (run.first == run.last && attack_rise(x, n, rate, onset) < kStruckRise && !hidden_by_guard(run, onset)) {
+        if (run.first == run.last && attack_rise(x, n, rate, onset) < kStruckRise &&
+            !hidden_by_guard(run, onset)) {
             continue;
         }
         if (onset < previous_onset + min_gap) onset = previous_onset + min_gap;
@@ -561,7 +568,8 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         const int64_t t = place_onset(x, n, rate, ff, p.frame);
         const auto k0 = static_cast<size_t>((t + hop - 1) / hop);
         if (t + window > static_cast<int64_t>(n) || k0 + 1 >= track.size() ||
-            std::any_of(found.begin(), found.end(), [&](const Found& f) { return std::llabs(f.onset - t) < min_gap; })) {
+            std::any_of(found.begin(), found.end(),
+                        [&](const Found& f) { return std::llabs(f.onset - t) < min_gap; })) {
             continue;
         }
         double e = 0.0;
@@ -578,7 +586,8 @@ std::vector<ReportNote> report_notes(const float* x, size_t n, uint32_t rate,
         }
     }
     if (found.size() > kept) {
-        std::sort(found.begin(), found.end(), [](const Found& a, const Found& b) { return a.onset < b.onset; });
+        std::sort(found.begin(), found.end(),
+                  [](const Found& a, const Found& b) { return a.onset < b.onset; });
     }
 
     const double step_frames = 60.0 * rate / (grid.tempo_bpm * grid.subdivision);

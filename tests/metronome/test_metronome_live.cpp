@@ -124,8 +124,8 @@ TEST_F(MetronomeLive, EveryClickLandsOnItsScheduledFrame) {
 #endif
         ASSERT_TRUE(excused) << late << " late, " << early << " early, with no playback underrun logged";
         ASSERT_LT(run, 3) << late << " late, " << early << " early in every run; " << underruns << " underruns";
-        std::printf("run %d: %d late, %d early, %d playback underruns logged: another run\n", run, late, early,
-                    underruns);
+        std::printf("run %d: %d late, %d early, %d playback underruns logged: another run\n", run, late,
+                    early, underruns);
     }
 }
 

@@ -93,8 +93,9 @@ TEST(Report, AMelodyReadsAsWritten) {
 // two notes. Then 60 ms notes, each struck over the release of the one
 // before (an octave up, a restrike), where the tracker's guard holds the earlier.
 TEST(Report, RepeatedAndLegatoNotesAreSeparateOnsets) {
-    const std::vector<Written> twice{{0.3, 57, 0}, {0.75, 57, 0}, {1.2, 62, 0}, {2.0, 61, 0}, {2.09, 45, 0}, {2.18, 57, 0},
-                                     {2.5, 72, 0}, {2.563, 69, 0}, {2.8, 64, 0}, {2.882, 64, 0}};
+    const std::vector<Written> twice{{0.3, 57, 0},  {0.75, 57, 0}, {1.2, 62, 0}, {2.0, 61, 0},
+                                     {2.09, 45, 0}, {2.18, 57, 0}, {2.5, 72, 0}, {2.563, 69, 0},
+                                     {2.8, 64, 0},  {2.882, 64, 0}};
     auto x = melody({twice[0]}, 0.425, 3.2);
     const auto slurred = melody({twice[1], twice[2]}, 0.45, 3.2),
                quick = melody({twice.begin() + 3, twice.end()}, 0.06, 3.2);
@@ -106,7 +107,8 @@ TEST(Report, RepeatedAndLegatoNotesAreSeparateOnsets) {
     const auto notes = report(x, summary);
     ASSERT_EQ(notes.size(), twice.size());
     for (size_t i = 1; i < twice.size(); ++i) EXPECT_EQ(notes[i].note, twice[i].note) << i;
-    for (size_t i = 1; i < twice.size(); ++i) EXPECT_NEAR(double(notes[i].onset_frame) / kRate, twice[i].onset_s, 0.006) << i;
+    for (size_t i = 1; i < twice.size(); ++i)
+        EXPECT_NEAR(double(notes[i].onset_frame) / kRate, twice[i].onset_s, 0.006) << i;
 }
 
 // What a cleaning leaves of a backing sounds without an attack of its own
@@ -118,7 +120,10 @@ TEST(Report, SilenceAndLeftoversOfALeakGiveNoNotes) {
     EXPECT_TRUE(report(x, summary).empty());
     EXPECT_EQ(summary.frames, int64_t(x.size()));
     // Leftovers faded in 15 dB under the player, or struck 25 dB under it.
-    struct Row { std::vector<Written> leak, played; double gain, fade_s; };
+    struct Row {
+        std::vector<Written> leak, played;
+        double gain, fade_s;
+    };
     const Row rows[] = {{{{1.0, 48, 0}, {1.0, 55, 0}, {1.0, 64, 0}}, {{0.3, 60, 0}}, 0.18, 0.3},
                         {{{0.4, 48, 0}}, {{1.5, 48, 0}}, 0.18, 0.3},
                         {{{0.3, 74, 0}}, {{2.4, 60, 0}}, 0.056, 0.0}};

@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <thread>
 #include <vector>
@@ -43,7 +43,8 @@ template <class Field>
         std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
         m = values[values.size() / 2];
         if (std::fabs(m - expected) <= tolerance) return ::testing::AssertionSuccess();
-        std::printf("half a second's median %.2f, wanted %.2f +- %.2f: another half second\n", m, expected, tolerance);
+        std::printf("half a second's median %.2f, wanted %.2f +- %.2f: another half second\n", m, expected,
+                    tolerance);
     }
     return ::testing::AssertionFailure() << "median " << m << ", expected " << expected << " +- "
                                          << tolerance;
